@@ -1,0 +1,75 @@
+// libSegmentationCore.camera.norvane.so: the caller's functions.
+//
+// One engine per process; these functions are not reentrant and run on the
+// caller's thread, except cancelSegmentation(), which may be called from any
+// thread while a request runs.
+//
+// Images: ARGB words 0xAARRGGBB, row-major without padding (pixel (x, y) is
+// word y*width + x). Masks: one byte per source pixel, 0 = object,
+// 255 = background. Preview: the caller's ARGB image with the object's outline
+// painted opaque yellow (0xFFFFFF00).
+//
+// Order of calls: setSourceImage, initSegmentationEngine, then for each edit
+// setMarkerImage + setCurrentMarkerVector + processSegment (or cutOutImage),
+// with undo/redo at will; resetSegmentationInterface to start over on the
+// same image; deinitSegmentation at the end. doSegmentationBB does the whole
+// sequence for a rectangle in one call.
+//
+// Failures are logged (tag "Error"), never returned; buffers stay the caller's.
+#pragma once
+
+#include "support/export.h"
+
+// --- lifecycle and source image ---
+
+// Creates the segmenter for the current source image (argument ignored).
+SEGCORE_EXPORT int initSegmentationEngine(int);
+// Releases everything: images, history, segmenter. Safe to repeat.
+SEGCORE_EXPORT int deinitSegmentation();
+// Starts a new edit sequence on the same image: marks, label image and
+// history positions are cleared; the source and the segmenter stay.
+SEGCORE_EXPORT int resetSegmentationInterface();
+// Asks a running request to stop after its current iteration (any thread).
+SEGCORE_EXPORT void cancelSegmentation();
+// After cancelSegmentation: tear the engine down at the end of the request.
+SEGCORE_EXPORT void exitSegmentation();
+// Takes width*height ARGB words as the source image and sizes the history.
+SEGCORE_EXPORT int setSourceImage(int width, int height, unsigned int* argb);
+// Writes the source image back as opaque ARGB (width*height words).
+SEGCORE_EXPORT void copySourceImage(unsigned int* argb);
+// Releases the marker image and result mask of an unfinished request.
+SEGCORE_EXPORT void freeLocalBuffers();
+
+// --- marker input ---
+
+// One label per pixel (0 unknown, 1 background, 2 object, 3/4 estimated),
+// saturated to 0..255, and the kind of edit: 0 loop that adds, 1 loop that
+// removes, 2 brush that adds, 3 brush that removes.
+SEGCORE_EXPORT int setMarkerImage(int width, int height, int* markers, int kind);
+// The drawn path as count ints (x0, y0, x1, y1, ...). Points are clamped into
+// the source image and the clamped values written back into `points`.
+SEGCORE_EXPORT int setCurrentMarkerVector(int count, int* points);
+
+// --- requests and results ---
+
+// Runs one edit; writes the mask and the preview. Returns 0, or -1 when a
+// requested teardown destroyed the engine at its end. A cancelled request
+// shows the plain source and leaves the mask untouched.
+SEGCORE_EXPORT int processSegment(int, int, int, unsigned int* argb, unsigned char* mask);
+// Takes the marks themselves as the new mask (2 = object, 1 = background).
+SEGCORE_EXPORT void cutOutImage(int, int, int, unsigned int* argb, unsigned char* mask);
+// Whole cut-out from the rectangle (x1, y1)-(x2, y2), corners inclusive:
+// tears down any engine, sets the source, creates the engine, segments.
+SEGCORE_EXPORT int doSegmentationBB(int width, int height, unsigned int* argb, int x1, int y1,
+                                    int x2, int y2, unsigned char* mask);
+// Writes the current result mask, inverted (0 = object).
+SEGCORE_EXPORT void loadMaskImageInfo(unsigned char* mask);
+// Paints the outline of the current result mask into argb.
+SEGCORE_EXPORT int loadBlendedImageInfo(unsigned int* argb);
+// Steps back or forth in the history and renders the chosen mask; with no
+// mask there, shows the plain source.
+SEGCORE_EXPORT void undo(unsigned int* argb, unsigned char* mask);
+SEGCORE_EXPORT void redo(unsigned int* argb, unsigned char* mask);
+// False with one mask or none: there is no earlier mask to show.
+SEGCORE_EXPORT bool canUndo();
+SEGCORE_EXPORT bool canRedo();

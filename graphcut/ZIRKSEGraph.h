@@ -1,0 +1,114 @@
+// Grid flow graph and its serial minimum-cut solver.
+//
+// One node per pixel of a width x height grid (pixel (x, y) is node
+// y*width + x), each joined to its eight neighbours. A node stores the arcs of
+// the four edges to its earlier neighbours in fixed slots, so an arc's head is
+// computed from its index and no adjacency lists exist:
+//   arc a = 8p + k; even slots leave p, the next odd slot is the reverse;
+//   sister(a) = a ^ 1; head(a) = ((a + 1) >> 3) + m_neighbourOffset[(a + 1) & 7]
+//   slot 0/1 left, 2/3 up-left, 4/5 up, 6/7 up-right.
+// A capacity of -2.0f marks an absent arc (real capacities are never negative).
+//
+// The solver grows a source tree and a sink tree breadth-first, augments along
+// each path found and re-adopts orphans by walking candidate parent chains to
+// the terminal. It polls ZIRKSEMarker::m_exitApp and the budget of
+// g_cancelTimer; when the budget is spent it raises m_exitApp itself, so the
+// whole segmentation stops. No allocation happens after construction.
+//
+// Source side = object. getTreeofNode() returns 1 for the sink (background).
+#pragma once
+
+#include <cstdint>
+
+#include "support/export.h"
+
+// Tree membership of a node.
+enum : int32_t { SOURCE = 0, SINK = 1, FREE = 2 };
+// Special parent values.
+enum : int32_t { TERMINAL = -1, ORPHAN = -3 };
+
+// The capacity that marks an absent arc.
+constexpr float kAbsentArc = -2.0f;
+
+// One node record.
+struct nodes {
+  int32_t parent;     // arc to the parent, TERMINAL, or ORPHAN (orphans and free nodes)
+  int32_t tree;       // SOURCE, SINK or FREE (a block id while partitioning)
+  float tr_cap;       // residual terminal capacity: > 0 from the source, < 0 to the sink
+  nodes* next;        // active queue link; null = not queued; the tail points to itself
+  nodes* nextOrphan;  // orphan queue link, same convention
+};
+
+class ParallelGC;
+
+class SEGCORE_EXPORT ZIRKSEGraph {
+ public:
+  // Allocates max(16, maxNodes) nodes and 2*max(16, maxEdges) arc floats.
+  // Callers pass maxNodes = w*h, maxEdges = 8*w*h and numBlocks = 0 (serial);
+  // more than one block hands maxFlow() to the parallel solver. On allocation
+  // failure the arrays stay null (logged); callers test m_nodes / m_arcs.
+  ZIRKSEGraph(int maxNodes, int maxEdges, int width, int height, int numBlocks);
+  // A block view of parent: shares its arrays, owns only its queues and flow.
+  ZIRKSEGraph(ZIRKSEGraph* parent, int blockRow, int blockCol, int blockWidth, int blockHeight);
+  ~ZIRKSEGraph();
+  ZIRKSEGraph(const ZIRKSEGraph&) = delete;
+  ZIRKSEGraph& operator=(const ZIRKSEGraph&) = delete;
+
+  // Clears every added node and written arc and empties the graph.
+  void reset();
+  // Clears values but keeps the node and arc counts.
+  void resetNew();
+  // Appends count free nodes. Refuses (logs) past the capacity.
+  void addNode(int count);
+  // Appends the next two arc slots of the current node: cap (node to
+  // neighbour) and revCap (neighbour to node), or two absent arcs. Placement
+  // is by call order only: four calls a node, nodes in index order, slots
+  // left, up-left, up, up-right. Refuses (logs) past the capacity.
+  void addEdge(int from, int to, float cap, float revCap, bool absent);
+  // Adds to the existing arc from -> to and its reverse; nothing when `to` is
+  // not a present neighbour of `from`.
+  void addToEdge(int from, int to, float cap, float revCap);
+  // Adds terminal capacities; the smaller of the two counts as flow at once.
+  void addtWeights(int node, float capSource, float capSink);
+  // 1 when the node ended in the sink tree (background), else 0.
+  int getTreeofNode(int node);
+
+  // Solves the cut; returns the flow (0.0f from the parallel solver).
+  float maxFlow();
+  // Puts terminal-connected nodes into their trees and the active queue.
+  void maxflowInit();
+  // Growth, augmentation and adoption until no path is left, cancelled, or out of budget.
+  float maxFlowSerialCall();
+  // Prepares a block view for maxFlowSerialCall.
+  void InitBlock();
+
+  void AddToActiveQueue(nodes* node);
+  nodes* GetTopActiveQueueNode();
+  void AddToOrphanQueue(nodes* node);
+  nodes* GetTopOrphanQueueNode();
+  void AugmentPath(int arc);
+  void ProcessSourceOrphans(nodes* orphan);
+  void ProcessSinkOrphans(nodes* orphan);
+
+  int32_t m_nodeCount;    // nodes added so far
+  int32_t m_arcCount;     // arc floats written so far
+  nodes* m_nodes;         // node array
+  nodes* m_nodeLast;      // one past the last added node
+  nodes* m_nodeMax;       // one past the capacity
+  float* m_arcs;          // residual capacities, 8 per node
+  float* m_arcLast;       // next free arc float
+  float* m_arcMax;        // one past the capacity
+  float m_flow;           // pre-flow of addtWeights plus every augmentation
+  nodes* m_activeFirst;
+  nodes* m_activeLast;
+  nodes* m_orphanFirst;
+  nodes* m_orphanLast;
+  int32_t m_neighbourOffset[8];  // head offsets by (a + 1) & 7
+  int32_t m_numBlocks;           // above 1: maxFlow runs the parallel solver
+  int32_t m_blockWidth;          // block geometry of a block view
+  int32_t m_blockHeight;
+  int32_t m_blockRow;
+  int32_t m_blockCol;
+  int32_t m_width;   // grid width
+  int32_t m_height;  // grid height
+};

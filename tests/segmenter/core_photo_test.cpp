@@ -64,7 +64,7 @@ class CorePhotoCut : public SegmenterTest {
 TEST_F(CorePhotoCut, OneCutFromTheRectangleFindsTheObject) {
   if (!photoSetAvailable()) GTEST_SKIP() << "photo set not found in " << photoSetDir();
   double sum = 0.0, rectSum = 0.0;
-  int count = 0;
+  int count = 0, good = 0;
   for (const std::string& name : photoNames()) {
     const Photo photo = loadPhoto(name);
     ASSERT_FALSE(photo.image.empty()) << name;
@@ -90,14 +90,18 @@ TEST_F(CorePhotoCut, OneCutFromTheRectangleFindsTheObject) {
     RecordProperty(name, std::to_string(iou));
     sum += iou;
     rectSum += rectIou;
+    if (iou > 0.8) ++good;
     ++count;
   }
   ASSERT_EQ(count, 13);
   const double mean = sum / count;
   std::printf("  mean IoU %.3f (rectangle %.3f)\n", mean, rectSum / count);
-  // A broken cut (nothing, noise, or the whole rectangle) stays well below.
-  EXPECT_GT(mean, 0.6);
-  EXPECT_GT(mean, rectSum / count + 0.1);
+  // A broken cut (nothing, noise, or the whole rectangle: 0.45 on average)
+  // stays well below; so does labelling each pixel by the likelier model
+  // without the neighbour links (about 0.68).
+  EXPECT_GT(mean, 0.75);
+  EXPECT_GT(mean, rectSum / count + 0.2);
+  EXPECT_GE(good, 9) << "photos above 0.8";
 }
 
 }  // namespace

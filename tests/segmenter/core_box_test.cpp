@@ -110,13 +110,6 @@ TEST_F(CoreBoundingBox, CropHoldsTheBoxPixels) {
 }
 
 TEST_F(CoreBoundingBox, ObjectOwnsItsGraphsAndWeights) {
-  ZIRKSEHybrid fresh;
-  EXPECT_EQ(fresh.m_graph, nullptr);
-  EXPECT_EQ(fresh.m_trimapGraph, nullptr);
-  EXPECT_EQ(fresh.m_nlinks, nullptr);
-  EXPECT_EQ(fresh.m_width, 0);
-  EXPECT_EQ(fresh.m_beta, 0.0);
-
   setBox(3, 4, 12, 7);
   hybrid->graphSpaceAllocator();
   ASSERT_NE(hybrid->m_graph, nullptr);

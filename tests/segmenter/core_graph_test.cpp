@@ -121,20 +121,6 @@ TEST_F(CoreGraphConstruction, ColourBoxTakesModelsAndStoredWeights) {
   expectBoxNlinks();
 }
 
-TEST_F(CoreGraphConstruction, FixedLabelsGiveHardLinksWithoutFlow) {
-  std::mt19937 rng(3);
-  randomWeights(6, 5, rng);
-  setBox(0, 0, 6, 5);
-  randomCrops(6, 5, rng, {1, 2});
-  hybrid->graphSpaceAllocator();
-  hybrid->constructGraphZIRK_Whole_Image();
-  for (int p = 0; p < 30; ++p) {
-    const uint8_t label = *at(hybrid->m_cropLabelImage, p % 6, p / 6);
-    EXPECT_EQ(hybrid->m_graph->m_nodes[p].tr_cap, label == 1 ? -1000.0f : 1000.0f) << p;
-  }
-  EXPECT_EQ(hybrid->m_graph->m_flow, 0.0f);
-}
-
 TEST_F(CoreGraphConstruction, GreyBoxUsesTextureFeaturesAndTheTieRule) {
   std::mt19937 rng(5);
   randomWeights(15, 12, rng);

@@ -94,17 +94,6 @@ TEST_F(CoreNlinks, WeightsFollowTheContrastFormulaOnRandomImages) {
   }
 }
 
-TEST_F(CoreNlinks, MaximalContrastPairWeighsExpMinusOneHalf) {
-  // Two pixels, black and white: one pair, beta = 1 / (2 * 3 * 255^2).
-  IplImage* img = coretest::filledImage(2, 1, 3, 0);
-  for (int c = 0; c < 3; ++c) coretest::at(img, 1, 0)[c] = 255;
-  setWorkingImage(img);
-  hybrid->computeNlinks();
-  EXPECT_DOUBLE_EQ(hybrid->m_beta, 1.0 / (2.0 * 3 * 255 * 255));
-  EXPECT_NEAR(hybrid->m_nlinks[4], std::exp(-0.5), 1e-6);
-  for (int k : {0, 1, 2, 3, 5, 6, 7}) EXPECT_EQ(hybrid->m_nlinks[k], 0.0f) << k;
-}
-
 TEST_F(CoreNlinks, UniformImageWeighsEveryEdgeOne) {
   setWorkingImage(coretest::filledImage(9, 7, 3, 77));
   hybrid->computeNlinks();

@@ -1,0 +1,259 @@
+// Filling the flow graphs of the segmenter from images, labels and models.
+//
+// Source side = object. A pixel's source capacity is its negative
+// log-likelihood under the background model, its sink capacity that under
+// the object model; user-fixed pixels get 1000 on their own side. N-links are
+// the neighbour weights times the smoothness weight, the same in both
+// directions, four addEdge calls a node in slot order left, up-left, up,
+// up-right (absent where the neighbour is missing).
+//
+// The box graph reads the weights precomputed for the whole working image;
+// the trimap graph (full resolution, refinement band only) computes its own
+// from a 256-entry table of exp(-beta d^2) per channel difference.
+#include <cmath>
+#include <cstdlib>
+#include <new>
+
+#include "engine/ZIRKSEMarker.h"
+#include "segmenter/ZIRKSEHybrid.h"
+#include "support/ZIRKLog.h"
+#include "support/ZIRKMemory.h"
+
+namespace {
+
+constexpr double kHardLink = 1000.0;
+constexpr double kDiagonalFactor = 0.7071067932881648;
+// Log-likelihoods closer than this cannot tell the grey models apart.
+constexpr float kGreyTie = 0.0001f;
+
+inline const uint8_t* pixelAt(const IplImage* img, int x, int y) {
+  return reinterpret_cast<const uint8_t*>(img->imageData) + static_cast<size_t>(y) * img->widthStep +
+         static_cast<size_t>(x) * img->nChannels;
+}
+
+// True when img is an 8-bit image of at least w x h with the given channels.
+bool covers(const IplImage* img, int w, int h, int channels) {
+  return img != nullptr && img->depth == IPL_DEPTH_8U && img->nChannels == channels &&
+         img->width >= w && img->height >= h;
+}
+
+// The box graph's four n-links of node (x, y): slots in the graph's order,
+// each either present with cap in both directions or absent.
+struct EdgeWriter {
+  ZIRKSEGraph* g;
+  void present(int from, int to, double cap) const {
+    const float c = static_cast<float>(cap);
+    g->addEdge(from, to, c, c, false);
+  }
+  void absent(int from) const { g->addEdge(from, -1, kAbsentArc, kAbsentArc, true); }
+};
+
+}  // namespace
+
+void ZIRKSEHybrid::constructGraphZIRK() { constructGraphZIRK_Whole_Image(); }
+
+void ZIRKSEHybrid::constructGraphZIRK_Whole_Image() {
+  const int w = m_cropWidth;
+  const int h = m_cropHeight;
+  const int x0 = ZIRKSEMarker::m_xMinBBox;
+  const int y0 = ZIRKSEMarker::m_yMinBBox;
+  // Refuse anything that would read or write outside the arrays: the graph
+  // must have the box's grid and capacity, the crops the box's size, and the
+  // box must lie inside the working image whose weights are stored.
+  if (m_graph == nullptr || m_graph->m_nodes == nullptr || m_graph->m_arcs == nullptr ||
+      m_graph->m_width != w || m_graph->m_height != h || w < 1 || h < 1 ||
+      m_graph->m_nodeMax - m_graph->m_nodes < static_cast<ptrdiff_t>(w) * h ||
+      m_graph->m_arcMax - m_graph->m_arcs < static_cast<ptrdiff_t>(8) * w * h ||
+      !covers(m_cropSrcImage, w, h, 3) || !covers(m_cropLabelImage, w, h, 1) || x0 < 0 ||
+      y0 < 0 || x0 + w > m_width || y0 + h > m_height || m_nlinks == nullptr) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "constructGraphZIRK_Whole_Image: graph, crops or weights do not match the "
+                        "box %d x %d at (%d, %d)",
+                        w, h, x0, y0);
+    return;
+  }
+  bool grey = ZIRKSEMarker::m_isGreyScale;
+  const IplImage* texH = ZIRKSEMarker::m_texHor;
+  const IplImage* texV = ZIRKSEMarker::m_texVer;
+  if (grey && (!covers(texH, x0 + w, y0 + h, 1) || !covers(texV, x0 + w, y0 + h, 1))) {
+    // Without texture maps a grey pixel is described by its bytes alone.
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "constructGraphZIRK_Whole_Image: no texture maps, using colour features");
+    grey = false;
+  }
+
+  // 1. Empty graph with one node a pixel.
+  m_graph->reset();
+  m_graph->addNode(h * w);
+
+  // 2. T-links.
+  for (int y = 0; y < h; ++y) {
+    const uint8_t* labels = pixelAt(m_cropLabelImage, 0, y);
+    for (int x = 0; x < w; ++x) {
+      const int node = y * w + x;
+      double source;
+      double sink;
+      if (labels[x] == kLabelBackgroundFixed) {
+        source = 0.0;
+        sink = kHardLink;
+      } else if (labels[x] == kLabelObjectFixed) {
+        source = kHardLink;
+        sink = 0.0;
+      } else if (!grey) {
+        const uint8_t* c = pixelAt(m_cropSrcImage, x, y);
+        const pixelVal p{static_cast<double>(c[0]), static_cast<double>(c[1]),
+                         static_cast<double>(c[2])};
+        source = -std::log(m_bgModel.GMMProb(p));
+        sink = -std::log(m_fgModel.GMMProb(p));
+      } else {
+        const pixelVal p{static_cast<double>(pixelAt(m_cropSrcImage, x, y)[0]),
+                         static_cast<double>(*pixelAt(texH, x + x0, y + y0)),
+                         static_cast<double>(*pixelAt(texV, x + x0, y + y0))};
+        const double lb = std::log(m_bgModel.GMMProb(p));
+        const double lf = std::log(m_fgModel.GMMProb(p));
+        sink = -lf;
+        // Models that cannot tell the pixel apart leave it no terminal pull.
+        source = std::fabs(static_cast<float>(lf - lb)) < kGreyTie ? -lf : -lb;
+      }
+      m_graph->addtWeights(node, static_cast<float>(source), static_cast<float>(sink));
+    }
+  }
+
+  // 3. N-links from the stored weights, in whole-image coordinates.
+  const EdgeWriter edge{m_graph};
+  for (int y = 0; y < h; ++y) {
+    const float* weights = m_nlinks + (static_cast<size_t>(y + y0) * m_width + x0) * 4;
+    for (int x = 0; x < w; ++x, weights += 4) {
+      const int p = y * w + x;
+      if (x >= 1)
+        edge.present(p, p - 1, m_lamda * weights[0]);
+      else
+        edge.absent(p);
+      if (y >= 1 && x >= 1)
+        edge.present(p, p - w - 1, m_lamda * weights[1]);
+      else
+        edge.absent(p);
+      if (y >= 1)
+        edge.present(p, p - w, m_lamda * weights[2]);
+      else
+        edge.absent(p);
+      if (y >= 1 && x < w - 1)
+        edge.present(p, p - w + 1, m_lamda * weights[3]);
+      else
+        edge.absent(p);
+    }
+  }
+}
+
+int ZIRKSEHybrid::constructGraphTrimapZIRK(IplImage* colourImage, IplImage* /*spare*/,
+                                           IplImage* trimap, IplImage* featureA,
+                                           IplImage* featureB) {
+  // A graph left from an earlier call is released before it is replaced.
+  delete m_trimapGraph;
+  m_trimapGraph = nullptr;
+
+  const int w = m_boundWidthTrimap;
+  const int h = m_boundHeightTrimap;
+  const bool grey = ZIRKSEMarker::m_isGreyScale;
+  if (w < 1 || h < 1 || !covers(colourImage, w, h, 3) || !covers(trimap, w, h, 1) ||
+      (grey && (!covers(featureA, w, h, 1) || !covers(featureB, w, h, 1)))) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "constructGraphTrimapZIRK: images do not cover the band %d x %d", w, h);
+    return 1;
+  }
+
+  // 1./2. A fresh graph with one node a band pixel.
+  const int nodeCount = w * h;
+  m_trimapGraph = new (std::nothrow) ZIRKSEGraph(nodeCount, 8 * nodeCount, w, h, 0);
+  if (m_trimapGraph == nullptr || m_trimapGraph->m_nodes == nullptr ||
+      m_trimapGraph->m_arcs == nullptr)
+    return 1;
+  ZIRKSEGraph* g = m_trimapGraph;
+  g->reset();
+  g->addNode(h * w);
+
+  // 3./4. T-links; pixels outside the band (7) get none.
+  const float hard = static_cast<float>(kHardLink);
+  for (int y = 0; y < h; ++y) {
+    const uint8_t* labels = pixelAt(trimap, 0, y);
+    for (int x = 0; x < w; ++x) {
+      const int node = y * w + x;
+      float source = 0.0f;
+      float sink = 0.0f;
+      if (labels[x] == kLabelBackgroundFixed) {
+        sink = hard;
+      } else if (labels[x] == kLabelObjectFixed) {
+        source = hard;
+      } else if (labels[x] != kLabelOutsideBand) {
+        const uint8_t* c = pixelAt(colourImage, x, y);
+        const pixelVal p = grey ? pixelVal{static_cast<double>(c[0]),
+                                           static_cast<double>(*pixelAt(featureA, x, y)),
+                                           static_cast<double>(*pixelAt(featureB, x, y))}
+                                : pixelVal{static_cast<double>(c[0]), static_cast<double>(c[1]),
+                                           static_cast<double>(c[2])};
+        source = -static_cast<float>(std::log(m_bgModel.GMMProb(p)));
+        sink = -static_cast<float>(std::log(m_fgModel.GMMProb(p)));
+      }
+      g->addtWeights(node, source, sink);
+    }
+  }
+
+  // 5. exp(-beta d^2) for every channel difference d.
+  float* table = static_cast<float*>(ZIRK_Malloc_Msg(1024, "constructGraphTrimapZIRK", 2385));
+  if (table == nullptr) return 1;  // the caller falls back to plain enlargement
+  for (int i = 0; i < 256; ++i) table[i] = expf(-static_cast<float>(i * i * m_beta));
+
+  // 6. Contrast of two colour pixels, one table entry per channel.
+  auto contrast = [table](const uint8_t* p, const uint8_t* q) {
+    return table[std::abs(p[0] - q[0])] * table[std::abs(p[1] - q[1])] *
+           table[std::abs(p[2] - q[2])];
+  };
+  // Horizontal links carry no contrast term: table[0]^3 is 1.
+  const float left = static_cast<float>(m_lamda * static_cast<double>(table[0] * table[0] * table[0]));
+  const float diagonal = static_cast<float>(m_lamda * kDiagonalFactor);
+
+  // 7. N-links; any edge touching a pixel outside the band is absent.
+  for (int y = 0; y < h; ++y) {
+    const uint8_t* labels = pixelAt(trimap, 0, y);
+    const uint8_t* labelsUp = y > 0 ? pixelAt(trimap, 0, y - 1) : nullptr;
+    for (int x = 0; x < w; ++x) {
+      const int p = y * w + x;
+      if (labels[x] == kLabelOutsideBand) {
+        for (int k = 0; k < 4; ++k) g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
+        continue;
+      }
+      const uint8_t* c = pixelAt(colourImage, x, y);
+      // left
+      if (x >= 1 && labels[x - 1] != kLabelOutsideBand)
+        g->addEdge(p, p - 1, left, left, false);
+      else
+        g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
+      // up-left
+      if (labelsUp != nullptr && x >= 1 && labelsUp[x - 1] != kLabelOutsideBand) {
+        const float cap = diagonal * contrast(c, pixelAt(colourImage, x - 1, y - 1));
+        g->addEdge(p, p - w - 1, cap, cap, false);
+      } else {
+        g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
+      }
+      // up
+      if (labelsUp != nullptr && labelsUp[x] != kLabelOutsideBand) {
+        const float cap =
+            static_cast<float>(m_lamda * static_cast<double>(contrast(c, pixelAt(colourImage, x, y - 1))));
+        g->addEdge(p, p - w, cap, cap, false);
+      } else {
+        g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
+      }
+      // up-right
+      if (labelsUp != nullptr && x < w - 1 && labelsUp[x + 1] != kLabelOutsideBand) {
+        const float cap = diagonal * contrast(c, pixelAt(colourImage, x + 1, y - 1));
+        g->addEdge(p, p - w + 1, cap, cap, false);
+      } else {
+        g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
+      }
+    }
+  }
+
+  // 8.
+  ZIRK_Free_Msg(table, "constructGraphTrimapZIRK", 2631);
+  return 0;
+}

@@ -16,6 +16,16 @@
 // whole segmentation stops. No allocation happens after construction.
 //
 // Source side = object. getTreeofNode() returns 1 for the sink (background).
+//
+// Memory: a 32-byte node record (64-bit targets) and 64 bytes of arc floats
+// per pixel (the arc array is reserved at twice the 8 floats a node uses).
+//
+// Call order: construct (or reset), addNode(w*h), addtWeights per node, four
+// addEdge calls per node in node order, maxFlow, getTreeofNode per node.
+// Capacities are checked: a call that would write past the arrays logs one
+// line (tag "Error") and does nothing. A solve on a graph whose arrays cannot
+// hold the whole grid is refused the same way; nodes or arc slots of the grid
+// that were never added are treated as free nodes and absent arcs.
 #pragma once
 
 #include <cstdint>
@@ -111,4 +121,13 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   int32_t m_blockCol;
   int32_t m_width;   // grid width
   int32_t m_height;  // grid height
+  // True for a graph made by the first constructor (it frees its arrays);
+  // false for a block view, which only borrows its parent's arrays.
+  bool m_ownsArrays;
+
+  // Checks that the arrays hold the whole width x height grid and marks grid
+  // nodes and arc slots never added as free nodes and absent arcs. Logs and
+  // returns false when the grid does not fit (nothing may be solved then).
+  // maxflowInit() and the parallel solver call it.
+  bool prepareForSolve();
 };

@@ -279,12 +279,12 @@ int main(int argc, char** argv) {
 
   const auto start = std::chrono::steady_clock::now();
   Session session(photo);
-  for (size_t i = 0; i < edits.size(); ++i) {
-    const Edit& e = edits[i];
+  int number = 0;
+  for (const Edit& e : edits) {
     const auto t0 = std::chrono::steady_clock::now();
     const bool alive = session.apply(e);
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-    if (e.kind != "brush") std::printf("edit %zu (%s): %.1f ms\n", i + 1, e.kind.c_str(), ms);
+    if (e.kind != "brush") std::printf("edit %d (%s): %.1f ms\n", ++number, e.kind.c_str(), ms);
     if (!alive) {
       std::fprintf(stderr, "segcut: the engine was torn down\n");
       return 1;

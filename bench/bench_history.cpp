@@ -1,7 +1,6 @@
 // The mask history on a 12-megapixel source (4032x3024): writing a new mask
 // into the planes (updateBitPlane) and reading one back (getMask).
 #include <benchmark/benchmark.h>
-
 #include <opencv2/core/core_c.h>
 #include <opencv2/imgproc/imgproc_c.h>
 

@@ -223,8 +223,10 @@ void initThirdInitalization(const IplImage* source, const IplImage* labels,
       }
     }
   }
-  // 2. Background model from the background pixels.
+  // 2. Background model from the background pixels. The fit leaves the
+  // inverse covariances to its caller; the ranking below needs them.
   initModelWithKmeans(background, modelB);
+  modelB.setInverseCovariance();
   // 3. Object pixels ranked by how well the background model explains them.
   std::vector<vec4> ranked;
   ranked.reserve(object.size());

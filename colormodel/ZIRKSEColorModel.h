@@ -2,9 +2,13 @@
 //
 // Densities are the Gaussian without its (2*pi)^(-3/2) factor: every consumer
 // (t-link weights, criteria) is tuned to these unscaled values.
-// After any change of weights, means or covariances, call setDeterminant()
-// and then setInverseCovariance() before querying. Queries only read the
-// model and may run on several threads at once.
+// Call order: after any change of weights, means or covariances, call
+// setDeterminant() and then setInverseCovariance() before querying (the fits
+// of TrainingData.h end with setDeterminant only; the caller chooses the
+// noise level for the loading). Queries only read the model and may run on
+// several threads at once while nobody changes it.
+// A component is absent when its weight is not above 0, and contributes
+// nothing to any colour density when its determinant is exactly 0.
 #pragma once
 
 #include <cstdint>
@@ -38,14 +42,21 @@ class SEGCORE_EXPORT ZIRKSEColorModel {
   // zero determinant keeps the previous factor; absent components get 0.
   void setDeterminant();
   // Inverse covariances. A determinant not above DBL_EPSILON is repaired by
-  // loading the diagonal with ZIRKSEMarker::m_noiseLevel until it is.
+  // adding ZIRKSEMarker::m_noiseLevel to the diagonal (written back into
+  // m_covariance) until it is. A noise level that is not positive falls back
+  // to 0.1 with a log line; a non-finite covariance switches the component
+  // off (determinant 0) with a log line.
   void setInverseCovariance();
 
   double gaussianProb(int k, pixelVal x);           // unweighted density of component k
-  double gaussianProbGreyScale(int k, pixelVal x);  // 1-D density on channel 0
+  // 1-D density on channel 0 with variance m_covariance[k][0]; checks neither
+  // weight nor determinant (a zero variance gives inf or NaN).
+  double gaussianProbGreyScale(int k, pixelVal x);
   double GMMProb(pixelVal x);                       // weighted mixture density (hot path)
   double GMMProbGreyScale(pixelVal x);              // weighted 1-D mixture on channel 0
-  // Expectation-maximisation; nothing with fewer than 5 samples.
+  // Expectation-maximisation; nothing with fewer than 5 samples. Factors and
+  // inverses are refreshed only after the last iteration, so later E-steps
+  // use those the model had on entry.
   void EM(std::vector<pixelVal> samples, int iterations);
   // True when the model describes a simple region.
   bool colorModelCriteria();

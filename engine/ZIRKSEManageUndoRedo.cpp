@@ -23,8 +23,8 @@
 
 namespace {
 
-constexpr int32_t kSlots = 32;    // one slot per bit of a word
-constexpr int32_t kTileRows = 64; // rows per tile: 4 cache lines of words per column
+constexpr int32_t kSlots = 32;     // one slot per bit of a word
+constexpr int32_t kTileRows = 64;  // rows per tile: 4 cache lines of words per column
 
 int32_t prevSlot(int32_t k) { return (k + kSlots - 1) % kSlots; }
 int32_t nextSlot(int32_t k) { return (k + 1) % kSlots; }
@@ -38,13 +38,11 @@ bool acceptsMask(const IplImage* mask, const char* function) {
     return false;
   }
   if (mask == nullptr || mask->depth != IPL_DEPTH_8U || mask->nChannels != 1 ||
-      mask->width != ZIRKSEManageUndoRedo::width ||
-      mask->height != ZIRKSEManageUndoRedo::height) {
+      mask->width != ZIRKSEManageUndoRedo::width || mask->height != ZIRKSEManageUndoRedo::height) {
     __android_log_print(ANDROID_LOG_ERROR, "Error",
-                        "%s: mask refused: %dx%d with %d channel(s), history is %dx%d",
-                        function, mask ? mask->width : 0, mask ? mask->height : 0,
-                        mask ? mask->nChannels : 0, ZIRKSEManageUndoRedo::width,
-                        ZIRKSEManageUndoRedo::height);
+                        "%s: mask refused: %dx%d with %d channel(s), history is %dx%d", function,
+                        mask ? mask->width : 0, mask ? mask->height : 0, mask ? mask->nChannels : 0,
+                        ZIRKSEManageUndoRedo::width, ZIRKSEManageUndoRedo::height);
     return false;
   }
   return true;
@@ -115,8 +113,10 @@ void ZIRKSEManageUndoRedo::allocate() {
     return;
   }
   // Cleared, so a slot that was never written reads as an empty mask.
-  uint32_t* block = static_cast<uint32_t*>(std::calloc(static_cast<size_t>(words), sizeof(uint32_t)));
-  uint32_t** columns = static_cast<uint32_t**>(std::calloc(static_cast<size_t>(w), sizeof(uint32_t*)));
+  uint32_t* block =
+      static_cast<uint32_t*>(std::calloc(static_cast<size_t>(words), sizeof(uint32_t)));
+  uint32_t** columns =
+      static_cast<uint32_t**>(std::calloc(static_cast<size_t>(w), sizeof(uint32_t*)));
   if (block == nullptr || columns == nullptr) {
     std::free(block);
     std::free(columns);
@@ -124,7 +124,8 @@ void ZIRKSEManageUndoRedo::allocate() {
                         "ZIRKSEManageUndoRedo::allocate: cannot allocate a %dx%d history", w, h);
     return;
   }
-  for (int32_t x = 0; x < w; ++x) columns[x] = block + static_cast<size_t>(x) * static_cast<size_t>(h);
+  for (int32_t x = 0; x < w; ++x)
+    columns[x] = block + static_cast<size_t>(x) * static_cast<size_t>(h);
   m_bitPlane = columns;
   width = w;
   height = h;

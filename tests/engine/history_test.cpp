@@ -95,7 +95,8 @@ class History : public ::testing::Test {
         for (int x = 0; x < w && result; ++x) {
           const uint8_t v = data[y * got->widthStep + x];
           if (v != ((*want)[y * w + x] ? 255 : 0))
-            result = ::testing::AssertionFailure() << "pixel (" << x << ", " << y << ") = " << int(v);
+            result = ::testing::AssertionFailure()
+                     << "pixel (" << x << ", " << y << ") = " << int(v);
         }
     }
     cvReleaseImage(&got);
@@ -123,7 +124,8 @@ TEST_F(History, FollowsTheListModelOnRandomSequences) {
         const unsigned longRun = rng() % 2;
         run = static_cast<int>(rng() % (longRun ? 40 : 4));
       }
-      SCOPED_TRACE(::testing::Message() << "sequence " << sequence << " step " << step << " op " << op);
+      SCOPED_TRACE(::testing::Message()
+                   << "sequence " << sequence << " step " << step << " op " << op);
       if (op < pushWeight) {
         const Mask m = randomMask(w, h, rng);
         push(m, w, h, rng);
@@ -154,7 +156,8 @@ TEST_F(History, ThreeMasksStepBackToTheSourceAndForwardAgain) {
   push(m3, 7, 5, rng);
   EXPECT_TRUE(ZIRKSEManageUndoRedo::canUndo());
   EXPECT_FALSE(ZIRKSEManageUndoRedo::canRedo());
-  EXPECT_TRUE(sameMask(ZIRKSEManageUndoRedo::redo(), &m3, 7, 5));  // at the newest: the newest again
+  EXPECT_TRUE(
+      sameMask(ZIRKSEManageUndoRedo::redo(), &m3, 7, 5));  // at the newest: the newest again
   EXPECT_TRUE(sameMask(ZIRKSEManageUndoRedo::undo(), &m2, 7, 5));
   EXPECT_TRUE(ZIRKSEManageUndoRedo::canUndo());
   EXPECT_TRUE(sameMask(ZIRKSEManageUndoRedo::undo(), &m1, 7, 5));
@@ -196,7 +199,8 @@ TEST_F(History, SlotsAreIndependentBitPlanes) {
     ZIRKSEManageUndoRedo::setMask(k, img);
     cvReleaseImage(&img);
   }
-  for (int k = 0; k < 32; ++k) EXPECT_TRUE(sameMask(ZIRKSEManageUndoRedo::getMask(k), &masks[k], 7, 5)) << k;
+  for (int k = 0; k < 32; ++k)
+    EXPECT_TRUE(sameMask(ZIRKSEManageUndoRedo::getMask(k), &masks[k], 7, 5)) << k;
   EXPECT_EQ(ZIRKSEManageUndoRedo::getMask(-1), nullptr);
   EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, 0);  // positions untouched
   EXPECT_EQ(ZIRKSEManageUndoRedo::m_top, 0);

@@ -54,25 +54,6 @@ TEST_F(PipelineUpscaling, EmptyOrFullMaskIsEnlargedPlainly) {
   }
 }
 
-TEST_F(PipelineUpscaling, TrimapCropCopiesTheRectangle) {
-  std::mt19937 rng(5);
-  cv::Mat img(37, 53, CV_8UC3);
-  cv::randu(img, 0, 256);
-  IplImage* src = toIpl(img);
-  hybrid.m_boundWidthTrimap = 20;
-  hybrid.m_boundHeightTrimap = 11;
-  IplImage* crop = hybrid.cropImageTrimap(src, 20, 11, 7, 30);
-  ASSERT_NE(crop, nullptr);
-  EXPECT_EQ(cv::norm(cv::cvarrToMat(crop), img(cv::Rect(30, 7, 20, 11)), cv::NORM_INF), 0.0);
-  cvReleaseImage(&crop);
-  {
-    LogCapture log;
-    EXPECT_EQ(hybrid.cropImageTrimap(src, 0, 11, 0, 0), nullptr);
-    EXPECT_EQ(log.count(6, "Error", "MEMORY_CRASH : cropImageTrimap 1762"), 1);
-  }
-  cvReleaseImage(&src);
-}
-
 // A red disc on green ground at 200x150, segmented at 100x75: the band cut
 // recovers the round outline that the nearest enlargement turns into steps,
 // and it changes nothing away from the boundary.

@@ -352,19 +352,4 @@ TEST_F(EngineTest, CallsInTheWrongOrderAreRefusedWithOneLogLine) {
   }
 }
 
-TEST_F(EngineTest, MarkerImageOfTheWrongSizeIsNotUsed) {
-  const int w = 16, h = 12;
-  std::vector<unsigned int> src = e2e::randomArgb(w, h, 8);
-  setSourceImage(w, h, src.data());
-  initSegmentationEngine(0);
-  std::vector<int> marks(src.size(), 2);
-  setMarkerImage(w, h, marks.data(), 0);
-  std::vector<int> wrong(static_cast<size_t>(w) * (h + 1), 1);
-  setMarkerImage(w, h + 1, wrong.data(), 0);
-  // The earlier, fitting marker image is still the one used.
-  std::vector<unsigned char> mask(src.size(), 9);
-  cutOutImage(0, 0, 0, nullptr, mask.data());
-  EXPECT_EQ(mask, std::vector<unsigned char>(src.size(), 0));
-}
-
 }  // namespace

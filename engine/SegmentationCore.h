@@ -34,6 +34,7 @@ SEGCORE_EXPORT void cancelSegmentation();
 // After cancelSegmentation: tear the engine down at the end of the request.
 SEGCORE_EXPORT void exitSegmentation();
 // Takes width*height ARGB words as the source image and sizes the history.
+// A source or engine left from an earlier image is released first.
 SEGCORE_EXPORT int setSourceImage(int width, int height, unsigned int* argb);
 // Writes the source image back as opaque ARGB (width*height words).
 SEGCORE_EXPORT void copySourceImage(unsigned int* argb);
@@ -52,14 +53,18 @@ SEGCORE_EXPORT int setCurrentMarkerVector(int count, int* points);
 
 // --- requests and results ---
 
-// Runs one edit; writes the mask and the preview. Returns 0, or -1 when a
-// requested teardown destroyed the engine at its end. A cancelled request
-// shows the plain source and leaves the mask untouched.
+// Runs one edit; writes the mask and the preview. Returns 0, or -1 when no
+// engine exists afterwards (a requested teardown destroyed it at the end of
+// this request, or none had been created). A cancelled request shows the
+// plain source and leaves the mask untouched.
 SEGCORE_EXPORT int processSegment(int, int, int, unsigned int* argb, unsigned char* mask);
-// Takes the marks themselves as the new mask (2 = object, 1 = background).
+// Takes the marks themselves as the new mask (2 = object, 1 = background,
+// other pixels as in the newest mask, or background without one). argb and
+// mask may be null when no preview or mask is wanted.
 SEGCORE_EXPORT void cutOutImage(int, int, int, unsigned int* argb, unsigned char* mask);
 // Whole cut-out from the rectangle (x1, y1)-(x2, y2), corners inclusive:
 // tears down any engine, sets the source, creates the engine, segments.
+// Only the mask is written; argb is read. The engine stays for further edits.
 SEGCORE_EXPORT int doSegmentationBB(int width, int height, unsigned int* argb, int x1, int y1,
                                     int x2, int y2, unsigned char* mask);
 // Writes the current result mask, inverted (0 = object).

@@ -109,24 +109,28 @@ inline void setByTerminal(nodes* n) {
 // never added are filled as free nodes and absent arcs, so nothing
 // uninitialised is read.
 bool ZIRKSEGraph::prepareForSolve() {
-  ZIRKSEGraph* g = this;
-  if (g->m_nodes == nullptr || g->m_arcs == nullptr) {
+  if (m_nodes == nullptr || m_arcs == nullptr) {
     logError("ZIRKSEGraph::maxFlow: the graph has no arrays");
     return false;
   }
-  const int64_t gridNodes = static_cast<int64_t>(g->m_width) * g->m_height;
-  const int64_t nodeRoom = g->m_nodeMax - g->m_nodes;
-  const int64_t arcRoom = g->m_arcMax - g->m_arcs;
-  if (g->m_width < 1 || g->m_height < 1 || 8 * gridNodes + 16 > INT32_MAX ||
-      gridNodes > nodeRoom || 8 * gridNodes > arcRoom) {
+  const int64_t gridNodes = static_cast<int64_t>(m_width) * m_height;
+  const int64_t nodeRoom = m_nodeMax - m_nodes;
+  const int64_t arcRoom = m_arcMax - m_arcs;
+  if (m_width < 1 || m_height < 1 || 8 * gridNodes + 16 > INT32_MAX || gridNodes > nodeRoom ||
+      8 * gridNodes > arcRoom) {
     __android_log_print(ANDROID_LOG_ERROR, "Error",
                         "ZIRKSEGraph::maxFlow: a %dx%d grid does not fit %lld nodes and %lld arcs",
-                        g->m_width, g->m_height, static_cast<long long>(nodeRoom),
+                        m_width, m_height, static_cast<long long>(nodeRoom),
                         static_cast<long long>(arcRoom));
     return false;
   }
-  for (int64_t i = g->m_nodeCount; i < gridNodes; ++i) setFree(g->m_nodes + i);
-  for (int64_t a = g->m_arcCount; a < 8 * gridNodes; ++a) g->m_arcs[a] = kAbsentArc;
+  for (int64_t a = m_arcCount; a < 8 * gridNodes; ++a) m_arcs[a] = kAbsentArc;
+  // A node never added is cut off from the grid: its own slots and those of
+  // the later nodes hold every arc that touches it.
+  for (int64_t i = m_nodeCount; i < gridNodes; ++i) {
+    setFree(m_nodes + i);
+    for (int k = 0; k < 8; ++k) m_arcs[8 * i + k] = kAbsentArc;
+  }
   return true;
 }
 

@@ -15,5 +15,5 @@ if [ ! -x build/tools/segcut ]; then
 fi
 mkdir -p output
 # The cup in the middle of the photo (600x400).
-build/tools/segcut --image "$photo" --rect 70 25 520 365 --out output/coffee
+build/tools/segcut --image "$photo" --rect 74 14 482 390 --out output/coffee
 echo "Wrote output/coffee_mask.png, output/coffee_cutout.png and output/coffee_preview.png"

@@ -251,6 +251,29 @@ TEST_F(SerialMaxFlow, PartlyFilledGraphSolvesAsIfTheMissingArcsWereAbsent) {
   const OracleResult oracle = solveWithOracle(s);
   EXPECT_EQ(g.maxFlow(), static_cast<float>(oracle.flow));
   EXPECT_EQ(sinkSideOf(g, 35), oracle.sinkSide);
+
+  // 30 of 35 nodes, every edge written: the last five are cut off, and the
+  // arcs written for them are not used.
+  GridSpec t = randomSpec(rng, 7, 5, true);
+  ZIRKSEGraph h(35, 280, 7, 5, 0);
+  h.addNode(30);
+  for (int p = 0; p < 30; ++p) h.addtWeights(p, t.source(p), t.sink(p));
+  for (int p = 0; p < 35; ++p) {
+    for (int k = 0; k < 4; ++k) h.addEdge(p, -1, t.cap[4 * p + k], t.rev[4 * p + k], t.absent[4 * p + k]);
+  }
+  for (int p = 30; p < 35; ++p) {
+    t.src1[p] = t.snk1[p] = 0.0f;
+    t.twoCalls[p] = false;
+    for (int k = 0; k < 4; ++k) {
+      t.absent[4 * p + k] = true;
+      for (int q = 0; q < 35; ++q) {
+        if (slotNeighbour(7, 5, q, k) == p) t.absent[4 * q + k] = true;
+      }
+    }
+  }
+  const OracleResult cut = solveWithOracle(t);
+  EXPECT_EQ(h.maxFlow(), static_cast<float>(cut.flow));
+  EXPECT_EQ(sinkSideOf(h, 30), std::vector<bool>(cut.sinkSide.begin(), cut.sinkSide.begin() + 30));
 }
 
 TEST_F(SerialMaxFlow, ResetGraphCanBeFilledAndSolvedAgain) {

@@ -1,0 +1,556 @@
+// The caller's functions: engine life cycle, source image, marker input,
+// requests, results and history.
+//
+// Every function runs on the caller's thread and touches process-wide state
+// (engine/EngineState.h, ZIRKSEMarker, ZIRKSEManageUndoRedo). Calls in the
+// wrong order (no source, no engine, no marker image, null buffers, sizes that
+// do not match the source) log one line with tag "Error" and return without
+// touching anything; the "MEMORY_CRASH" lines report bad sizes as before.
+// The caller's buffers are only read or written, never kept or freed.
+#include "engine/SegmentationCore.h"
+
+#include <opencv2/core/core_c.h>
+#include <opencv2/imgproc/imgproc_c.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "engine/EngineState.h"
+#include "engine/ZIRKSEManageUndoRedo.h"
+#include "engine/ZIRKSEMarker.h"
+#include "segmenter/ZIRKSEHybrid.h"
+#include "support/ZIRKLog.h"
+#include "support/ZIRKMemory.h"
+
+namespace {
+
+constexpr unsigned int kOutlineColour = 0xFFFFFF00u;  // opaque yellow
+
+void logCallError(const char* function, const char* problem) {
+  __android_log_print(ANDROID_LOG_ERROR, "Error", "%s: %s", function, problem);
+}
+
+// exitSegmentation may come from another thread while a request runs, like
+// cancelSegmentation: the flag is read and written atomically.
+int32_t loadExitStatus() { return __atomic_load_n(&g_exitStatus, __ATOMIC_SEQ_CST); }
+void storeExitStatus(int32_t value) { __atomic_store_n(&g_exitStatus, value, __ATOMIC_SEQ_CST); }
+
+// Largest image the engine takes: the source's 3-byte rows, the history's
+// 4-byte words and the caller's ARGB words must all stay addressable with
+// the int sizes of IplImage.
+bool sizeFits(int width, int height) {
+  return static_cast<int64_t>(width) * height <= INT_MAX / 4;
+}
+
+bool haveSource() {
+  const IplImage* src = ZIRKSEMarker::m_originalImage;
+  return src != nullptr && src->width >= 1 && src->height >= 1;
+}
+
+bool sameSizeAsSource(const IplImage* image) {
+  return image != nullptr && haveSource() && image->width == ZIRKSEMarker::m_originalImage->width &&
+         image->height == ZIRKSEMarker::m_originalImage->height;
+}
+
+void freeRequestImages() {
+  ZIRK_ReleaseImage(&g_resultMask);
+  ZIRK_ReleaseImage(&g_markerImage);
+}
+
+// Everything deinitSegmentation releases; also the teardown at the end of a
+// request when one was asked for.
+void teardownEngine() {
+  ZIRK_ReleaseContourStorage();
+  ZIRKSEMarker::dellocator();
+  ZIRKSEManageUndoRedo::deallocate();
+  if (pHybrid != nullptr) {
+    delete pHybrid;
+    pHybrid = nullptr;
+  }
+}
+
+// Same as resetSegmentationInterface.
+void resetEditSequence() {
+  ZIRKSEMarker::resetMarkers();
+  ZIRKSEManageUndoRedo::reset();
+  ZIRK_ReleaseContourStorage();
+}
+
+// Creates the segmenter for the current source image.
+void createEngine() {
+  g_imageResizeFactor = 1.0f;
+  if (pHybrid != nullptr) {
+    // The old segmenter would otherwise be lost; its images belong to
+    // ZIRKSEMarker and are replaced by the new one's intializer.
+    logCallError("initSegmentationEngine", "an engine exists already; it is replaced");
+    delete pHybrid;
+    pHybrid = nullptr;
+  }
+  pHybrid = new (std::nothrow) ZIRKSEHybrid();
+  if (pHybrid == nullptr) {
+    logCallError("initSegmentationEngine", "out of memory for the segmenter");
+    return;
+  }
+  ZIRKSEMarker::initializer();
+  pHybrid->intializer();
+}
+
+// End of every request: tears the engine down when cancelSegmentation and
+// exitSegmentation both asked for it. Returns true when it did.
+bool deferredTeardown() {
+  const bool teardown = loadExitStatus() != 0 && ZIRKSEMarker::m_exitApp;
+  if (teardown) teardownEngine();
+  storeExitStatus(0);
+  return teardown;
+}
+
+// Caller images are walked columns outer, rows inner, in strips of
+// kStripColumns columns: a strip's slice of a row is read and written at
+// once, so each cache line of both images is loaded once instead of once per
+// column (a plain column walk of a 12-megapixel image costs about 100 ms).
+constexpr int kStripColumns = 64;
+
+template <typename PixelFn>
+void forEachPixelColumnsOuter(int width, int height, PixelFn fn) {
+  for (int x0 = 0; x0 < width; x0 += kStripColumns) {
+    const int x1 = std::min(width, x0 + kStripColumns);
+    for (int y = 0; y < height; ++y) {
+      for (int x = x0; x < x1; ++x) fn(x, y);
+    }
+  }
+}
+
+// Source image to opaque ARGB words.
+void writeSourceAsArgb(unsigned int* argb) {
+  const IplImage* src = ZIRKSEMarker::m_originalImage;
+  if (src == nullptr || argb == nullptr || src->width < 1 || src->height < 1) return;
+  const int width = src->width, step = src->widthStep;
+  const uint8_t* data = reinterpret_cast<const uint8_t*>(src->imageData);
+  forEachPixelColumnsOuter(width, src->height, [&](int x, int y) {
+    const uint8_t* p = data + static_cast<size_t>(y) * step + 3 * static_cast<size_t>(x);
+    argb[static_cast<size_t>(y) * width + x] =
+        0xFF000000u | (unsigned(p[2]) << 16) | (unsigned(p[1]) << 8) | unsigned(p[0]);
+  });
+}
+
+// The four column bands [0, w/4), [w/4, w/2), [w/2, 3(w/4)), [3(w/4), w).
+// Within a band the rows run outer, so each row is read once per band.
+template <typename PixelFn>
+void forEachPixelInColumnBands(int width, int height, PixelFn fn) {
+  const int bounds[5] = {0, width / 4, width / 2, 3 * (width / 4), width};
+  for (int band = 0; band < 4; ++band) {
+    for (int y = 0; y < height; ++y) {
+      for (int x = bounds[band]; x < bounds[band + 1]; ++x) fn(x, y);
+    }
+  }
+}
+
+// Shows the chosen history mask (or the plain source when there is none);
+// the shared body of undo and redo.
+void showHistoryMask(IplImage* chosen, unsigned int* argb, unsigned char* mask) {
+  g_resultMask = chosen;
+  if (g_resultMask != nullptr) {
+    loadMaskImageInfo(mask);
+    loadBlendedImageInfo(argb);
+    freeRequestImages();
+  } else {
+    writeSourceAsArgb(argb);
+    ZIRK_ReleaseImage(&g_markerImage);
+  }
+  deferredTeardown();
+}
+
+// A history request needs the buffers and a source whose history exists.
+bool historyRequestValid(const char* function, unsigned int* argb, unsigned char* mask) {
+  if (argb == nullptr || mask == nullptr) {
+    logCallError(function, "null argb or mask buffer");
+    return false;
+  }
+  if (!haveSource() || ZIRKSEManageUndoRedo::m_bitPlane == nullptr) {
+    logCallError(function, "no source image (call setSourceImage first)");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- life cycle
+
+int initSegmentationEngine(int) {
+  if (!haveSource()) {
+    logCallError("initSegmentationEngine", "no source image (call setSourceImage first)");
+    return 0;
+  }
+  createEngine();
+  return 0;
+}
+
+int deinitSegmentation() {
+  // The marker image and mask of an unfinished request go too.
+  freeRequestImages();
+  teardownEngine();
+  return 0;
+}
+
+int resetSegmentationInterface() {
+  resetEditSequence();
+  return 0;
+}
+
+void cancelSegmentation() { ZIRKSEMarker::m_exitApp = true; }
+
+void exitSegmentation() { storeExitStatus(ZIRKSEMarker::m_exitApp ? 1 : 0); }
+
+int setSourceImage(int width, int height, unsigned int* argb) {
+  if (width < 1 || height < 1) {
+    // No image can be made of this size: nothing is created or copied.
+    ZIRK_LogMemoryCrash("setSourceImage", 115);
+    return 0;
+  }
+  if (argb == nullptr) {
+    logCallError("setSourceImage", "null argb buffer");
+    return 0;
+  }
+  if (!sizeFits(width, height)) {
+    logCallError("setSourceImage", "image too large");
+    return 0;
+  }
+  if (pHybrid != nullptr) {
+    // The segmenter's working image and weights belong to the old source.
+    logCallError("setSourceImage", "an engine exists; it is torn down first");
+    freeRequestImages();
+    teardownEngine();
+  }
+  // A source set earlier without a teardown is released, not leaked.
+  ZIRK_ReleaseImage(&ZIRKSEMarker::m_originalImage);
+  ZIRKSEManageUndoRedo::deallocate();
+
+  IplImage* image = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3);
+  uint8_t* data = reinterpret_cast<uint8_t*>(image->imageData);
+  const int step = image->widthStep;
+  // Alpha is dropped.
+  forEachPixelColumnsOuter(width, height, [&](int x, int y) {
+    const unsigned int w = argb[static_cast<size_t>(y) * width + x];
+    uint8_t* p = data + static_cast<size_t>(y) * step + 3 * static_cast<size_t>(x);
+    p[0] = static_cast<uint8_t>(w & 0xFF);
+    p[1] = static_cast<uint8_t>((w >> 8) & 0xFF);
+    p[2] = static_cast<uint8_t>((w >> 16) & 0xFF);
+  });
+  ZIRKSEMarker::m_originalImage = image;
+  ZIRKSEMarker::m_originalWidth = image->width;
+  ZIRKSEMarker::m_originalHeight = image->height;
+  ZIRKSEManageUndoRedo::allocate();
+  return 0;
+}
+
+void copySourceImage(unsigned int* argb) {
+  if (argb == nullptr) {
+    logCallError("copySourceImage", "null argb buffer");
+    return;
+  }
+  if (!haveSource()) {
+    logCallError("copySourceImage", "no source image");
+    return;
+  }
+  writeSourceAsArgb(argb);
+}
+
+void freeLocalBuffers() { freeRequestImages(); }
+
+// -------------------------------------------------------------- marker input
+
+int setMarkerImage(int width, int height, int* markers, int kind) {
+  if (width < 1 || height < 1) {
+    ZIRK_LogMemoryCrash("setMarkerImage", 164);
+    ZIRK_LogMemoryCrash("setMarkerImage", 173);
+    return 0;  // no image of this size can be made
+  }
+  if (markers == nullptr) {
+    logCallError("setMarkerImage", "null marker buffer");
+    return 0;
+  }
+  if (!haveSource()) {
+    logCallError("setMarkerImage", "no source image (call setSourceImage first)");
+    return 0;
+  }
+  if (width != ZIRKSEMarker::m_originalImage->width ||
+      height != ZIRKSEMarker::m_originalImage->height) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "setMarkerImage: marker image %dx%d differs from the source %dx%d", width,
+                        height, ZIRKSEMarker::m_originalImage->width,
+                        ZIRKSEMarker::m_originalImage->height);
+    return 0;
+  }
+  // The caller's ints are only read, through a header over their array.
+  IplImage* wrapper = cvCreateImageHeader(cvSize(width, height), IPL_DEPTH_32S, 1);
+  cvSetData(wrapper, markers, width * static_cast<int>(sizeof(int)));
+  ZIRK_ReleaseImage(&g_markerImage);  // an unused earlier marker image
+  g_markerImage = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+  cvConvertScale(wrapper, g_markerImage, 1.0, 0.0);  // saturates into 0..255
+  cvReleaseImageHeader(&wrapper);
+  ZIRKSEMarker::currentStroke.type = kind;
+  return 0;
+}
+
+int setCurrentMarkerVector(int count, int* points) {
+  std::vector<int32_t>& path = ZIRKSEMarker::currentStroke.points;
+  path.clear();
+  if (count <= 0) return 0;
+  if (points == nullptr) {
+    logCallError("setCurrentMarkerVector", "null point buffer");
+    return 0;
+  }
+  if (!haveSource()) {
+    logCallError("setCurrentMarkerVector", "no source image (call setSourceImage first)");
+    return 0;
+  }
+  if (count % 2 != 0) {
+    // The unpaired last int has no y: it is dropped rather than paired with
+    // whatever follows the array.
+    logCallError("setCurrentMarkerVector", "odd count; the last int is ignored");
+  }
+  const int pairs = count / 2;
+  path.reserve(static_cast<size_t>(pairs) * 2);
+  const int width = ZIRKSEMarker::m_originalWidth, height = ZIRKSEMarker::m_originalHeight;
+  for (int i = 0; i < 2 * pairs; i += 2) {
+    int x = points[i], y = points[i + 1];
+    if (x < 0) x = 0;
+    if (y < 0) y = 0;
+    if (x >= width) x = width - 1;
+    if (y >= height) y = height - 1;
+    points[i] = x;  // the caller sees the clamped path
+    points[i + 1] = y;
+    path.push_back(x);
+    path.push_back(y);
+  }
+  return 0;
+}
+
+// ------------------------------------------------------------------ requests
+
+int processSegment(int, int, int, unsigned int* argb, unsigned char* mask) {
+  if (argb == nullptr || mask == nullptr) {
+    logCallError("processSegment", "null argb or mask buffer");
+    return pHybrid != nullptr ? 0 : -1;
+  }
+  if (pHybrid == nullptr) {
+    logCallError("processSegment", "no engine (call initSegmentationEngine first)");
+    return -1;
+  }
+  if (!haveSource()) {
+    logCallError("processSegment", "no source image");
+    return 0;
+  }
+  if (g_markerImage != nullptr && !sameSizeAsSource(g_markerImage)) {
+    logCallError("processSegment", "marker image size differs from the source");
+    ZIRK_ReleaseImage(&g_markerImage);
+    return 0;
+  }
+
+  if (g_markerImage != nullptr) {
+    pHybrid->setLabelImage(g_markerImage);
+    ZIRK_ReleaseImage(&g_resultMask);  // left by an unfinished request
+    g_resultMask = pHybrid->segment();
+    if (g_resultMask != nullptr && !sameSizeAsSource(g_resultMask)) {
+      logCallError("processSegment", "segmenter returned a mask of the wrong size");
+      ZIRK_ReleaseImage(&g_resultMask);
+    }
+    if (g_resultMask != nullptr) loadMaskImageInfo(mask);
+  }
+  if (g_resultMask != nullptr) {
+    loadBlendedImageInfo(argb);
+    freeRequestImages();
+  } else {
+    // Cancelled, timed out or nothing to do: the plain source, mask untouched.
+    writeSourceAsArgb(argb);
+    ZIRK_ReleaseImage(&g_markerImage);
+  }
+  return deferredTeardown() ? -1 : 0;
+}
+
+void cutOutImage(int, int, int, unsigned int* argb, unsigned char* mask) {
+  if (ZIRKSEMarker::m_originalWidth < 1 || ZIRKSEMarker::m_originalHeight < 1) {
+    ZIRK_LogMemoryCrash("cutOutImage", 197);
+    return;  // no mask of this size can be made
+  }
+  if (!haveSource()) {
+    logCallError("cutOutImage", "no source image");
+    return;
+  }
+  if (g_markerImage == nullptr) {
+    logCallError("cutOutImage", "no marker image (call setMarkerImage first)");
+    return;
+  }
+  if (!sameSizeAsSource(g_markerImage)) {
+    logCallError("cutOutImage", "marker image size differs from the source");
+    ZIRK_ReleaseImage(&g_markerImage);
+    return;
+  }
+  const int width = ZIRKSEMarker::m_originalWidth, height = ZIRKSEMarker::m_originalHeight;
+  ZIRK_ReleaseImage(&g_resultMask);
+  g_resultMask = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+  IplImage* previous = ZIRKSEManageUndoRedo::prevMask();
+  if (previous != nullptr) {
+    cvCopy(previous, g_resultMask);
+    cvReleaseImage(&previous);
+  } else {
+    cvSetZero(g_resultMask);  // unmarked pixels are background, not garbage
+  }
+  for (int y = 0; y < height; ++y) {
+    const uint8_t* marks =
+        reinterpret_cast<const uint8_t*>(g_markerImage->imageData) + static_cast<size_t>(y) * g_markerImage->widthStep;
+    uint8_t* out =
+        reinterpret_cast<uint8_t*>(g_resultMask->imageData) + static_cast<size_t>(y) * g_resultMask->widthStep;
+    for (int x = 0; x < width; ++x) {
+      if (marks[x] == kLabelObjectFixed) out[x] = 255;
+      else if (marks[x] == kLabelBackgroundFixed) out[x] = 0;
+    }
+  }
+  ZIRKSEManageUndoRedo::updateBitPlane(g_resultMask);
+  if (mask != nullptr) loadMaskImageInfo(mask);
+  if (argb != nullptr) loadBlendedImageInfo(argb);
+  freeRequestImages();
+  deferredTeardown();
+}
+
+int doSegmentationBB(int width, int height, unsigned int* argb, int x1, int y1, int x2, int y2,
+                     unsigned char* mask) {
+  if (argb == nullptr || mask == nullptr) {
+    logCallError("doSegmentationBB", "null argb or mask buffer");
+    return 0;
+  }
+  if (width < 1 || height < 1 || !sizeFits(width, height)) {
+    ZIRK_LogMemoryCrash("setSourceImage", 115);
+    return 0;
+  }
+  // Corners given the other way round describe the same rectangle. Corners
+  // outside the image are clamped here, as each path point would be: the
+  // path then holds no runs of repeated border points, and no coordinate
+  // range can overflow or ask for a huge path.
+  if (x2 < x1) std::swap(x1, x2);
+  if (y2 < y1) std::swap(y1, y2);
+  x1 = std::min(std::max(x1, 0), width - 1);
+  x2 = std::min(std::max(x2, 0), width - 1);
+  y1 = std::min(std::max(y1, 0), height - 1);
+  y2 = std::min(std::max(y2, 0), height - 1);
+
+  const size_t pixels = static_cast<size_t>(width) * height;
+  // The preview is drawn into a private copy: the caller receives the mask only.
+  unsigned int* preview = static_cast<unsigned int*>(
+      ZIRK_Malloc_Msg(pixels * sizeof(unsigned int), "doSegmentationBB", __LINE__));
+  int* markers = static_cast<int*>(ZIRK_Calloc_Msg(pixels, sizeof(int), "doSegmentationBB", __LINE__));
+  // The rectangle's border, clockwise from the top-left corner.
+  const size_t pointCount = 2 * (static_cast<size_t>(x2 - x1) + static_cast<size_t>(y2 - y1));
+  int* path = static_cast<int*>(
+      ZIRK_Malloc_Msg((pointCount + 1) * 2 * sizeof(int), "doSegmentationBB", __LINE__));
+  if (preview == nullptr || markers == nullptr || path == nullptr) {
+    if (preview != nullptr) ZIRK_Free_Msg(preview, "doSegmentationBB", __LINE__);
+    if (markers != nullptr) ZIRK_Free_Msg(markers, "doSegmentationBB", __LINE__);
+    if (path != nullptr) ZIRK_Free_Msg(path, "doSegmentationBB", __LINE__);
+    return 0;
+  }
+  std::memcpy(preview, argb, pixels * sizeof(unsigned int));
+
+  int n = 0;
+  for (int x = x1; x < x2; ++x) path[n++] = x, path[n++] = y1;
+  for (int y = y1; y < y2; ++y) path[n++] = x2, path[n++] = y;
+  for (int x = x2; x > x1; --x) path[n++] = x, path[n++] = y2;
+  for (int y = y2; y > y1; --y) path[n++] = x1, path[n++] = y;
+
+  // Inside of the rectangle, corners included: object, estimated.
+  for (int y = y1; y <= y2; ++y) {
+    for (int x = x1; x <= x2; ++x) markers[static_cast<size_t>(y) * width + x] = kLabelObjectEst;
+  }
+
+  freeRequestImages();
+  teardownEngine();
+  resetEditSequence();
+  setSourceImage(width, height, argb);
+  createEngine();
+  setCurrentMarkerVector(n, path);
+  setMarkerImage(width, height, markers, kEditLoopAdd);
+  processSegment(0, 0, 0, preview, mask);
+
+  ZIRK_Free_Msg(path, "doSegmentationBB", __LINE__);
+  ZIRK_Free_Msg(markers, "doSegmentationBB", __LINE__);
+  ZIRK_Free_Msg(preview, "doSegmentationBB", __LINE__);
+  return 0;
+}
+
+// ------------------------------------------------------------------- results
+
+void loadMaskImageInfo(unsigned char* mask) {
+  if (mask == nullptr || g_resultMask == nullptr) {
+    logCallError("loadMaskImageInfo", mask == nullptr ? "null mask buffer" : "no result mask");
+    return;
+  }
+  const int width = g_resultMask->width, height = g_resultMask->height;
+  const int step = g_resultMask->widthStep;
+  const uint8_t* data = reinterpret_cast<const uint8_t*>(g_resultMask->imageData);
+  // Inverted for the caller: 0 = object.
+  forEachPixelInColumnBands(width, height, [&](int x, int y) {
+    mask[static_cast<size_t>(y) * width + x] = data[static_cast<size_t>(y) * step + x] > 254 ? 0 : 255;
+  });
+}
+
+int loadBlendedImageInfo(unsigned int* argb) {
+  if (argb == nullptr || g_resultMask == nullptr) {
+    logCallError("loadBlendedImageInfo", argb == nullptr ? "null argb buffer" : "no result mask");
+    return 0;
+  }
+  const int width = g_resultMask->width, height = g_resultMask->height;
+  if (width < 1 || height < 1) {
+    ZIRK_LogMemoryCrash("loadBlendedImageInfo", 493);
+    return 0;
+  }
+  IplImage* outline = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+  cvSetZero(outline);
+
+  // The contours stay in `storage` for fetch_path_array.
+  ZIRK_ReleaseContourStorage();
+  storage = cvCreateMemStorage(0);
+  contours = nullptr;
+  IplImage* scratch = cvCloneImage(g_resultMask);  // the search writes into its input
+  cvFindContours(scratch, storage, &contours, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE,
+                 cvPoint(0, 0));
+  cvReleaseImage(&scratch);
+  if (contours != nullptr) {
+    cvDrawContours(outline, contours, cvScalarAll(255), cvScalarAll(255), 255, 2, CV_AA,
+                   cvPoint(0, 0));
+    g_contoursFound = 1;
+  }
+
+  // Only fully covered outline pixels are painted, not the anti-aliased fringe.
+  const int step = outline->widthStep;
+  const uint8_t* data = reinterpret_cast<const uint8_t*>(outline->imageData);
+  forEachPixelInColumnBands(width, height, [&](int x, int y) {
+    if (data[static_cast<size_t>(y) * step + x] == 255)
+      argb[static_cast<size_t>(y) * width + x] = kOutlineColour;
+  });
+  cvReleaseImage(&outline);
+  return 0;
+}
+
+// ------------------------------------------------------------------- history
+
+void undo(unsigned int* argb, unsigned char* mask) {
+  if (!historyRequestValid("undo", argb, mask)) return;
+  ZIRK_ReleaseImage(&g_resultMask);
+  showHistoryMask(ZIRKSEManageUndoRedo::undo(), argb, mask);
+}
+
+void redo(unsigned int* argb, unsigned char* mask) {
+  if (!historyRequestValid("redo", argb, mask)) return;
+  ZIRK_ReleaseImage(&g_resultMask);
+  showHistoryMask(ZIRKSEManageUndoRedo::redo(), argb, mask);
+}
+
+bool canUndo() { return ZIRKSEManageUndoRedo::canUndo(); }
+
+bool canRedo() { return ZIRKSEManageUndoRedo::canRedo(); }

@@ -1,0 +1,84 @@
+// Helpers of the end-to-end suites: the fixture that tears the engine down
+// after every test, caller-side buffers, and checks on what the engine hands
+// back. Everything drives the engine through the caller's header.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "engine/SegmentationCore.h"
+
+namespace e2e {
+
+constexpr unsigned int kYellow = 0xFFFFFF00u;
+
+class EngineTest : public ::testing::Test {
+ protected:
+  void TearDown() override { deinitSegmentation(); }
+};
+
+inline std::vector<unsigned int> randomArgb(int width, int height, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::vector<unsigned int> argb(static_cast<size_t>(width) * height);
+  for (unsigned int& w : argb) w = static_cast<unsigned int>(rng());
+  return argb;
+}
+
+inline std::vector<unsigned int> opaque(std::vector<unsigned int> argb) {
+  for (unsigned int& w : argb) w |= 0xFF000000u;
+  return argb;
+}
+
+// The caller's mask (0 = object) as a 0/255 object image.
+inline cv::Mat objectOf(const std::vector<unsigned char>& mask, int width, int height) {
+  cv::Mat object(height, width, CV_8U);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x)
+      object.at<uint8_t>(y, x) = mask[static_cast<size_t>(y) * width + x] == 0 ? 255 : 0;
+  return object;
+}
+
+// Pixels with a 4-neighbour on the other side of the object's edge; beyond
+// the image border counts as background.
+inline cv::Mat edgePixels(const cv::Mat& object) {
+  cv::Mat grown, shrunk;
+  const cv::Mat cross = cv::getStructuringElement(cv::MORPH_CROSS, cv::Size(3, 3));
+  cv::dilate(object, grown, cross, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+  cv::erode(object, shrunk, cross, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+  return grown != shrunk;
+}
+
+// The preview is the source everywhere except opaque yellow outline pixels,
+// each within `reach` pixels of the object's edge; an object that has an
+// edge gets at least one outline pixel.
+inline ::testing::AssertionResult previewOutlinesObject(const std::vector<unsigned int>& preview,
+                                                        const std::vector<unsigned int>& source,
+                                                        const cv::Mat& object, int reach = 2) {
+  cv::Mat nearEdge;
+  const cv::Mat edges = edgePixels(object);
+  cv::dilate(edges, nearEdge, cv::Mat::ones(2 * reach + 1, 2 * reach + 1, CV_8U));
+  int painted = 0;
+  for (int y = 0; y < object.rows; ++y) {
+    for (int x = 0; x < object.cols; ++x) {
+      const size_t i = static_cast<size_t>(y) * object.cols + x;
+      if (preview[i] == source[i]) continue;
+      if (preview[i] != kYellow)
+        return ::testing::AssertionFailure() << "pixel (" << x << ", " << y << ") changed to "
+                                             << std::hex << preview[i];
+      if (nearEdge.at<uint8_t>(y, x) == 0)
+        return ::testing::AssertionFailure() << "outline pixel (" << x << ", " << y
+                                             << ") far from the object's edge";
+      ++painted;
+    }
+  }
+  if (cv::countNonZero(edges) > 0 && painted == 0)
+    return ::testing::AssertionFailure() << "no outline painted";
+  return ::testing::AssertionSuccess();
+}
+
+}  // namespace e2e

@@ -5,6 +5,10 @@
 // and queues both ends of each, so the lower block's search picks up exactly
 // where the two block solves stopped. Merge threads of one pass work on
 // disjoint pairs, whose regions still share no arc.
+//
+// Speed (2026-11, two shared x86-64 cores): no gain over the serial solver
+// at 2 to 8 blocks, on 320x240 photo graphs or on a 4032x400 band; merges
+// re-search from every restored arc, and the cores are few.
 #include "graphcut/ParallelGC.h"
 
 #include <android/log.h>

@@ -12,6 +12,13 @@
 // Nothing is allocated here after construction; queues are intrusive links
 // in the node records. A block view (second constructor) runs the same
 // solver over its own queues on arrays it borrows from its parent.
+//
+// Memory: 32 bytes of node and 64 bytes of reserved arc floats per pixel
+// (half the arc floats are used). Speed (2026-11, x86-64 2.6 GHz, one of two
+// shared cores): 320x240 photo graphs take 2 to 700 ms a solve, median 72 ms;
+// augmentation (walking both chains twice) and the adoption chain walks take
+// over 80% of it. A 4032x400 band takes about 2.5 s.
+
 #include "graphcut/ZIRKSEGraph.h"
 
 #include <android/log.h>
@@ -329,11 +336,15 @@ void ZIRKSEGraph::InitBlock() {
   m_activeFirst = m_activeLast = nullptr;
   m_orphanFirst = m_orphanLast = nullptr;
   const int64_t firstCol = static_cast<int64_t>(m_blockWidth) * m_blockCol;
-  const int64_t corner = firstCol + static_cast<int64_t>(m_blockHeight) * m_blockRow * m_width;
+  const int64_t firstRow = static_cast<int64_t>(m_blockHeight) * m_blockRow;
+  const int64_t corner = firstCol + firstRow * m_width;
   for (int32_t r = 0; r < m_blockHeight; ++r) {
     for (int32_t c = 0; c < m_blockWidth; ++c) {
       const int64_t index = corner + static_cast<int64_t>(r) * m_width + c;
-      if (firstCol + c >= m_width || index >= m_nodeCount) continue;
+      // Rows past the grid are skipped too (nodes added beyond the grid are not solved).
+      if (firstCol + c >= m_width || index >= m_nodeCount || firstRow + r >= m_height) {
+        continue;
+      }
       nodes* n = m_nodes + index;
       n->next = nullptr;
       n->nextOrphan = nullptr;

@@ -431,6 +431,10 @@ void ZIRKSEHybrid::clearMemory() {
 
 bool ZIRKSEHybrid::cancelSegmentation() {
   stop_cpu_timer(g_cancelTimer);
-  return get_elapsed_time_in_millisec(g_cancelTimer) > kSegmentationBudgetMs ||
-         ZIRKSEMarker::m_exitApp;
+  const bool stop = get_elapsed_time_in_millisec(g_cancelTimer) > kSegmentationBudgetMs ||
+                    ZIRKSEMarker::m_exitApp;
+  // Back to running: the max-flow of the next iteration checks the same
+  // budget, and a stopped timer would show it the same elapsed time forever.
+  if (g_cancelTimer != nullptr) g_cancelTimer->stopped = 0;
+  return stop;
 }

@@ -1,4 +1,5 @@
 // libSegmentationCore.camera.norvane.so: the caller's functions.
+// (The live-wire search and the preview contours: livewire/LiveWire.h.)
 //
 // One engine per process; these functions are not reentrant and run on the
 // caller's thread, except cancelSegmentation(), which may be called from any

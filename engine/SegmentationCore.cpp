@@ -95,6 +95,7 @@ void freeRequestImages() {
 void teardownEngine() {
   ZIRK_ReleaseContourStorage();
   ZIRKSEMarker::dellocator();
+  ZIRKSEMarker::m_originalWidth = ZIRKSEMarker::m_originalHeight = 0;  // the source is gone
   ZIRKSEManageUndoRedo::deallocate();
   if (pHybrid != nullptr) {
     delete pHybrid;
@@ -715,20 +716,26 @@ int loadBlendedImageInfo(unsigned int* argb) {
 
 // ------------------------------------------------------------------- history
 
+// A step whose mask could not be shown is not taken: the position goes back
+// to where it was, so the next step starts from the mask the caller sees.
 void undo(unsigned int* argb, unsigned char* mask) {
-  runGuarded("undo", [&] {
+  const int32_t current = ZIRKSEManageUndoRedo::m_current;
+  const bool done = runGuarded("undo", [&] {
     if (!historyRequestValid("undo", argb, mask)) return;
     ZIRK_ReleaseImage(&g_resultMask);
     showHistoryMask(ZIRKSEManageUndoRedo::undo(), argb, mask);
   });
+  if (!done && ZIRKSEManageUndoRedo::m_bitPlane != nullptr) ZIRKSEManageUndoRedo::m_current = current;
 }
 
 void redo(unsigned int* argb, unsigned char* mask) {
-  runGuarded("redo", [&] {
+  const int32_t current = ZIRKSEManageUndoRedo::m_current;
+  const bool done = runGuarded("redo", [&] {
     if (!historyRequestValid("redo", argb, mask)) return;
     ZIRK_ReleaseImage(&g_resultMask);
     showHistoryMask(ZIRKSEManageUndoRedo::redo(), argb, mask);
   });
+  if (!done && ZIRKSEManageUndoRedo::m_bitPlane != nullptr) ZIRKSEManageUndoRedo::m_current = current;
 }
 
 bool canUndo() { return ZIRKSEManageUndoRedo::canUndo(); }

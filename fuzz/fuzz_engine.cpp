@@ -90,8 +90,15 @@ int sourceHeight() {
 }
 size_t sourcePixels() { return static_cast<size_t>(sourceWidth()) * sourceHeight(); }
 
-// Large images are slow to segment: one size in four.
-bool isLarge(uint8_t flags) { return (flags & 0x0C) == 0x0C; }
+// Large images are slow to segment: one size in four, and at most a few per
+// input so that no input runs into the time limit.
+constexpr int kMaxLargePerInput = 3;
+int g_largeLeft = kMaxLargePerInput;
+bool isLarge(uint8_t flags) {
+  if ((flags & 0x0C) != 0x0C || g_largeLeft == 0) return false;
+  --g_largeLeft;
+  return true;
+}
 
 // Image size: small, or large enough for a reduced working image.
 void readSize(Input& in, bool large, int& w, int& h) {
@@ -268,12 +275,24 @@ void opRectangle(Input& in) {
   check(untouched || (n > 0 && binary));
 }
 
-// The source as a BGR image (a 1 x 1 black one when there is none).
+// The source as a BGR image the size of a small preview: its top-left
+// corner of at most kPreviewSide x kPreviewSide pixels (a 1 x 1 black image
+// when there is no source).
+constexpr int kPreviewSide = 64;
 IplImage* sourceCopy() {
-  if (ZIRKSEMarker::m_originalImage != nullptr) return cvCloneImage(ZIRKSEMarker::m_originalImage);
-  IplImage* one = cvCreateImage(cvSize(1, 1), IPL_DEPTH_8U, 3);
-  cvSetZero(one);
-  return one;
+  const IplImage* src = ZIRKSEMarker::m_originalImage;
+  if (src == nullptr) {
+    IplImage* one = cvCreateImage(cvSize(1, 1), IPL_DEPTH_8U, 3);
+    cvSetZero(one);
+    return one;
+  }
+  const int w = src->width < kPreviewSide ? src->width : kPreviewSide;
+  const int h = src->height < kPreviewSide ? src->height : kPreviewSide;
+  IplImage* copy = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 3);
+  for (int y = 0; y < h; ++y)
+    std::memcpy(copy->imageData + static_cast<size_t>(y) * copy->widthStep,
+                src->imageData + static_cast<size_t>(y) * src->widthStep, static_cast<size_t>(w) * 3);
+  return copy;
 }
 
 void opLiveWire(Input& in) {
@@ -308,15 +327,28 @@ void opLiveWire(Input& in) {
       const int n = w * h, seed = seedRow * w + seedCol;
       check(parents.size() == static_cast<size_t>(n));
       check(parents[static_cast<size_t>(seed)] == seed);
-      // Every reached pixel leads to the seed in fewer than n steps.
+      // Every reached pixel leads to the seed through reached pixels, without
+      // a cycle (linear: each pixel is walked once).
+      std::vector<uint8_t> state(static_cast<size_t>(n), 0);  // 1 on this walk, 2 done
+      std::vector<int> walk;
+      state[static_cast<size_t>(seed)] = 2;
       for (int p = 0; p < n; ++p) {
-        int at = p, steps = 0;
-        while (at != seed && at != -1 && steps <= n) {
-          check(at >= 0 && at < n);
-          at = parents[static_cast<size_t>(at)];
-          ++steps;
+        if (state[static_cast<size_t>(p)] != 0) continue;
+        if (parents[static_cast<size_t>(p)] == -1) {
+          state[static_cast<size_t>(p)] = 2;  // not reached
+          continue;
         }
-        check(steps <= n);
+        walk.clear();
+        int at = p;
+        while (state[static_cast<size_t>(at)] == 0) {
+          const int parent = parents[static_cast<size_t>(at)];
+          check(parent >= 0 && parent < n);
+          state[static_cast<size_t>(at)] = 1;
+          walk.push_back(at);
+          at = parent;
+        }
+        check(state[static_cast<size_t>(at)] == 2 && parents[static_cast<size_t>(at)] != -1);
+        for (int v : walk) state[static_cast<size_t>(v)] = 2;
       }
     }
   }
@@ -371,6 +403,7 @@ void opFetch(Input& in) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Input in(data, size);
+  g_largeLeft = kMaxLargePerInput;
   for (int op = 0; op < kMaxOps && !in.empty(); ++op) {
     switch (in.byte() % 20) {
       case 0: opSource(in); break;

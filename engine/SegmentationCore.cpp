@@ -7,8 +7,17 @@
 // do not match the source) log one line with tag "Error" and return without
 // touching anything; the "MEMORY_CRASH" lines report bad sizes as before.
 // The caller's buffers are only read or written, never kept or freed.
+//
+// No exception leaves these functions: OpenCV reports a failed allocation
+// (and any other failure) by throwing cv::Exception, the standard library by
+// std::bad_alloc. Each function runs its body through runGuarded(), which
+// logs one line, drops what the failed request held (request images, the
+// segmenter's per-request crops and graphs, the contour storage) and returns
+// the function's harmless result. The source image, the segmenter and the
+// mask history stay as they were, so the next request can run.
 #include "engine/SegmentationCore.h"
 
+#include <opencv2/core.hpp>
 #include <opencv2/core/core_c.h>
 #include <opencv2/imgproc/imgproc_c.h>
 
@@ -16,6 +25,8 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <exception>
+#include <memory>
 #include <new>
 #include <utility>
 #include <vector>
@@ -57,6 +68,23 @@ bool sameSizeAsSource(const IplImage* image) {
          image->height == ZIRKSEMarker::m_originalImage->height;
 }
 
+// Images and headers of one call that must go however the call ends.
+struct ImageDeleter {
+  void operator()(IplImage* image) const { cvReleaseImage(&image); }
+};
+struct HeaderDeleter {
+  void operator()(IplImage* header) const { cvReleaseImageHeader(&header); }
+};
+using ImagePtr = std::unique_ptr<IplImage, ImageDeleter>;
+using HeaderPtr = std::unique_ptr<IplImage, HeaderDeleter>;
+
+// A buffer of the tracked-message allocator, freed on every path.
+struct ScratchDeleter {
+  void operator()(void* p) const { ZIRK_Free_Msg(p, "doSegmentationBB", 0); }
+};
+template <typename T>
+using ScratchPtr = std::unique_ptr<T, ScratchDeleter>;
+
 void freeRequestImages() {
   ZIRK_ReleaseImage(&g_resultMask);
   ZIRK_ReleaseImage(&g_markerImage);
@@ -67,6 +95,7 @@ void freeRequestImages() {
 void teardownEngine() {
   ZIRK_ReleaseContourStorage();
   ZIRKSEMarker::dellocator();
+  ZIRKSEMarker::m_originalWidth = ZIRKSEMarker::m_originalHeight = 0;  // the source is gone
   ZIRKSEManageUndoRedo::deallocate();
   if (pHybrid != nullptr) {
     delete pHybrid;
@@ -81,7 +110,9 @@ void resetEditSequence() {
   ZIRK_ReleaseContourStorage();
 }
 
-// Creates the segmenter for the current source image.
+// Creates the segmenter for the current source image. A segmenter whose
+// working image could not be made is deleted again: no engine is better than
+// a half-built one.
 void createEngine() {
   g_imageResizeFactor = 1.0f;
   if (pHybrid != nullptr) {
@@ -96,8 +127,17 @@ void createEngine() {
     logCallError("initSegmentationEngine", "out of memory for the segmenter");
     return;
   }
+  // initializer() only forgets the label image; a label image left by an
+  // earlier engine is released here instead of leaked.
+  ZIRK_ReleaseImage(&ZIRKSEMarker::m_labelImage);
   ZIRKSEMarker::initializer();
-  pHybrid->intializer();
+  try {
+    pHybrid->intializer();
+  } catch (...) {
+    delete pHybrid;
+    pHybrid = nullptr;
+    throw;
+  }
 }
 
 // End of every request: tears the engine down when cancelSegmentation and
@@ -107,6 +147,42 @@ bool deferredTeardown() {
   if (teardown) teardownEngine();
   storeExitStatus(0);
   return teardown;
+}
+
+// What a request that failed half-way held: its images, the segmenter's
+// crops, graphs and budget timer, a half-filled contour storage. The source,
+// the segmenter and the history stay; a teardown asked for still happens.
+void abandonRequest() {
+  if (pHybrid != nullptr) pHybrid->clearMemory();
+  freeRequestImages();
+  ZIRK_ReleaseContourStorage();
+  deferredTeardown();
+}
+
+// Runs one exported function's body; an exception is logged as one line and
+// the request abandoned. Returns false when the body did not complete.
+template <typename Body>
+bool runGuarded(const char* function, Body&& body) noexcept {
+  try {
+    body();
+    return true;
+  } catch (const cv::Exception& e) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "%s: abandoned after OpenCV error %d: %s",
+                        function, e.code, e.err.c_str());
+  } catch (const std::bad_alloc&) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "%s: abandoned: out of memory", function);
+  } catch (const std::exception& e) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "%s: abandoned: %s", function, e.what());
+  } catch (...) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "%s: abandoned after an unknown exception",
+                        function);
+  }
+  try {
+    abandonRequest();
+  } catch (...) {
+    // Releasing does not throw; nothing more can be done here if it did.
+  }
+  return false;
 }
 
 // Caller images are walked columns outer, rows inner, in strips of
@@ -150,13 +226,16 @@ void forEachPixelInColumnBands(int width, int height, PixelFn fn) {
   }
 }
 
+void writeMask(unsigned char* mask);
+void paintOutline(unsigned int* argb);
+
 // Shows the chosen history mask (or the plain source when there is none);
 // the shared body of undo and redo.
 void showHistoryMask(IplImage* chosen, unsigned int* argb, unsigned char* mask) {
   g_resultMask = chosen;
   if (g_resultMask != nullptr) {
-    loadMaskImageInfo(mask);
-    loadBlendedImageInfo(argb);
+    writeMask(mask);
+    paintOutline(argb);
     freeRequestImages();
   } else {
     writeSourceAsArgb(argb);
@@ -178,48 +257,21 @@ bool historyRequestValid(const char* function, unsigned int* argb, unsigned char
   return true;
 }
 
-}  // namespace
+// ------------------------------------------------------- bodies of the calls
 
-// ---------------------------------------------------------------- life cycle
-
-int initSegmentationEngine(int) {
-  if (!haveSource()) {
-    logCallError("initSegmentationEngine", "no source image (call setSourceImage first)");
-    return 0;
-  }
-  createEngine();
-  return 0;
-}
-
-int deinitSegmentation() {
-  // The marker image and mask of an unfinished request go too.
-  freeRequestImages();
-  teardownEngine();
-  return 0;
-}
-
-int resetSegmentationInterface() {
-  resetEditSequence();
-  return 0;
-}
-
-void cancelSegmentation() { ZIRKSEMarker::m_exitApp = true; }
-
-void exitSegmentation() { storeExitStatus(ZIRKSEMarker::m_exitApp ? 1 : 0); }
-
-int setSourceImage(int width, int height, unsigned int* argb) {
+void setSourceBody(int width, int height, unsigned int* argb) {
   if (width < 1 || height < 1) {
     // No image can be made of this size: nothing is created or copied.
     ZIRK_LogMemoryCrash("setSourceImage", 115);
-    return 0;
+    return;
   }
   if (argb == nullptr) {
     logCallError("setSourceImage", "null argb buffer");
-    return 0;
+    return;
   }
   if (!sizeFits(width, height)) {
     logCallError("setSourceImage", "image too large");
-    return 0;
+    return;
   }
   if (pHybrid != nullptr) {
     // The segmenter's working image and weights belong to the old source.
@@ -227,11 +279,14 @@ int setSourceImage(int width, int height, unsigned int* argb) {
     freeRequestImages();
     teardownEngine();
   }
-  // A source set earlier without a teardown is released, not leaked.
+  // A source set earlier without a teardown is released, not leaked, and so
+  // are the contours of its last preview.
   ZIRK_ReleaseImage(&ZIRKSEMarker::m_originalImage);
   ZIRKSEManageUndoRedo::deallocate();
+  ZIRK_ReleaseContourStorage();
+  ZIRKSEMarker::m_originalWidth = ZIRKSEMarker::m_originalHeight = 0;
 
-  IplImage* image = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3);
+  ImagePtr image(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3));
   uint8_t* data = reinterpret_cast<uint8_t*>(image->imageData);
   const int step = image->widthStep;
   // Alpha is dropped.
@@ -242,30 +297,18 @@ int setSourceImage(int width, int height, unsigned int* argb) {
     p[1] = static_cast<uint8_t>((w >> 8) & 0xFF);
     p[2] = static_cast<uint8_t>((w >> 16) & 0xFF);
   });
-  ZIRKSEMarker::m_originalImage = image;
   ZIRKSEMarker::m_originalWidth = image->width;
   ZIRKSEMarker::m_originalHeight = image->height;
   ZIRKSEManageUndoRedo::allocate();
-  return 0;
-}
-
-void copySourceImage(unsigned int* argb) {
-  if (argb == nullptr) {
-    logCallError("copySourceImage", "null argb buffer");
+  if (ZIRKSEManageUndoRedo::m_bitPlane == nullptr) {
+    // allocate() has logged why; a source without a history is not kept.
+    ZIRKSEMarker::m_originalWidth = ZIRKSEMarker::m_originalHeight = 0;
     return;
   }
-  if (!haveSource()) {
-    logCallError("copySourceImage", "no source image");
-    return;
-  }
-  writeSourceAsArgb(argb);
+  ZIRKSEMarker::m_originalImage = image.release();
 }
 
-void freeLocalBuffers() { freeRequestImages(); }
-
-// -------------------------------------------------------------- marker input
-
-int setMarkerImage(int width, int height, int* markers, int kind) {
+int setMarkerBody(int width, int height, int* markers, int kind) {
   if (width < 1 || height < 1) {
     ZIRK_LogMemoryCrash("setMarkerImage", 164);
     ZIRK_LogMemoryCrash("setMarkerImage", 173);
@@ -287,21 +330,26 @@ int setMarkerImage(int width, int height, int* markers, int kind) {
                         ZIRKSEMarker::m_originalImage->height);
     return 0;
   }
-  // The caller's ints are only read, through a header over their array.
-  IplImage* wrapper = cvCreateImageHeader(cvSize(width, height), IPL_DEPTH_32S, 1);
-  cvSetData(wrapper, markers, width * static_cast<int>(sizeof(int)));
   ZIRK_ReleaseImage(&g_markerImage);  // an unused earlier marker image
-  g_markerImage = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
-  cvConvertScale(wrapper, g_markerImage, 1.0, 0.0);  // saturates into 0..255
-  cvReleaseImageHeader(&wrapper);
+  ImagePtr converted(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1));
+  // The caller's ints are only read, through a header over their array.
+  HeaderPtr wrapper(cvCreateImageHeader(cvSize(width, height), IPL_DEPTH_32S, 1));
+  cvSetData(wrapper.get(), markers, width * static_cast<int>(sizeof(int)));
+  cvConvertScale(wrapper.get(), converted.get(), 1.0, 0.0);  // saturates into 0..255
+  g_markerImage = converted.release();
   ZIRKSEMarker::currentStroke.type = kind;
   return 0;
 }
 
-int setCurrentMarkerVector(int count, int* points) {
+int setMarkerVectorBody(int count, int* points) {
   std::vector<int32_t>& path = ZIRKSEMarker::currentStroke.points;
   path.clear();
-  if (count <= 0) return 0;
+  if (count == 0) return 0;
+  if (count < 0) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "setCurrentMarkerVector: negative count %d; the path is empty", count);
+    return 0;
+  }
   if (points == nullptr) {
     logCallError("setCurrentMarkerVector", "null point buffer");
     return 0;
@@ -310,31 +358,36 @@ int setCurrentMarkerVector(int count, int* points) {
     logCallError("setCurrentMarkerVector", "no source image (call setSourceImage first)");
     return 0;
   }
-  if (count % 2 != 0) {
-    // The unpaired last int has no y: it is dropped rather than paired with
-    // whatever follows the array.
-    logCallError("setCurrentMarkerVector", "odd count; the last int is ignored");
-  }
   const int pairs = count / 2;
   path.reserve(static_cast<size_t>(pairs) * 2);
   const int width = ZIRKSEMarker::m_originalWidth, height = ZIRKSEMarker::m_originalHeight;
+  int clamped = 0;
   for (int i = 0; i < 2 * pairs; i += 2) {
-    int x = points[i], y = points[i + 1];
-    if (x < 0) x = 0;
-    if (y < 0) y = 0;
-    if (x >= width) x = width - 1;
-    if (y >= height) y = height - 1;
+    const int givenX = points[i], givenY = points[i + 1];
+    const int x = std::min(std::max(givenX, 0), width - 1);
+    const int y = std::min(std::max(givenY, 0), height - 1);
+    if (x != givenX || y != givenY) ++clamped;
     points[i] = x;  // the caller sees the clamped path
     points[i + 1] = y;
     path.push_back(x);
     path.push_back(y);
   }
+  // One line for whatever was wrong with the path. An unpaired last int has
+  // no y: it is dropped rather than paired with whatever follows the array.
+  if (count % 2 != 0) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "setCurrentMarkerVector: odd count %d, the last int is ignored; %d of %d "
+                        "points clamped into the %dx%d image",
+                        count, clamped, pairs, width, height);
+  } else if (clamped > 0) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "setCurrentMarkerVector: %d of %d points clamped into the %dx%d image",
+                        clamped, pairs, width, height);
+  }
   return 0;
 }
 
-// ------------------------------------------------------------------ requests
-
-int processSegment(int, int, int, unsigned int* argb, unsigned char* mask) {
+int processSegmentBody(unsigned int* argb, unsigned char* mask) {
   if (argb == nullptr || mask == nullptr) {
     logCallError("processSegment", "null argb or mask buffer");
     return pHybrid != nullptr ? 0 : -1;
@@ -353,7 +406,8 @@ int processSegment(int, int, int, unsigned int* argb, unsigned char* mask) {
     return 0;
   }
 
-  if (g_markerImage != nullptr) {
+  const bool segmented = g_markerImage != nullptr;
+  if (segmented) {
     pHybrid->setLabelImage(g_markerImage);
     ZIRK_ReleaseImage(&g_resultMask);  // left by an unfinished request
     g_resultMask = pHybrid->segment();
@@ -361,20 +415,25 @@ int processSegment(int, int, int, unsigned int* argb, unsigned char* mask) {
       logCallError("processSegment", "segmenter returned a mask of the wrong size");
       ZIRK_ReleaseImage(&g_resultMask);
     }
-    if (g_resultMask != nullptr) loadMaskImageInfo(mask);
+    if (g_resultMask != nullptr) writeMask(mask);
   }
   if (g_resultMask != nullptr) {
-    loadBlendedImageInfo(argb);
+    paintOutline(argb);
     freeRequestImages();
   } else {
     // Cancelled, timed out or nothing to do: the plain source, mask untouched.
     writeSourceAsArgb(argb);
     ZIRK_ReleaseImage(&g_markerImage);
   }
-  return deferredTeardown() ? -1 : 0;
+  if (deferredTeardown()) return -1;
+  // A cancel (or the time-out, which raises the same flag) concerned the
+  // segmentation that has now ended; left raised, it would stop every later
+  // edit after its first iteration.
+  if (segmented) ZIRKSEMarker::m_exitApp = false;
+  return 0;
 }
 
-void cutOutImage(int, int, int, unsigned int* argb, unsigned char* mask) {
+void cutOutBody(unsigned int* argb, unsigned char* mask) {
   if (ZIRKSEMarker::m_originalWidth < 1 || ZIRKSEMarker::m_originalHeight < 1) {
     ZIRK_LogMemoryCrash("cutOutImage", 197);
     return;  // no mask of this size can be made
@@ -395,133 +454,143 @@ void cutOutImage(int, int, int, unsigned int* argb, unsigned char* mask) {
   const int width = ZIRKSEMarker::m_originalWidth, height = ZIRKSEMarker::m_originalHeight;
   ZIRK_ReleaseImage(&g_resultMask);
   g_resultMask = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
-  IplImage* previous = ZIRKSEManageUndoRedo::prevMask();
+  ImagePtr previous(ZIRKSEManageUndoRedo::prevMask());
   if (previous != nullptr) {
-    cvCopy(previous, g_resultMask);
-    cvReleaseImage(&previous);
+    cvCopy(previous.get(), g_resultMask);
   } else {
     cvSetZero(g_resultMask);  // unmarked pixels are background, not garbage
   }
+  previous.reset();
   for (int y = 0; y < height; ++y) {
-    const uint8_t* marks =
-        reinterpret_cast<const uint8_t*>(g_markerImage->imageData) + static_cast<size_t>(y) * g_markerImage->widthStep;
-    uint8_t* out =
-        reinterpret_cast<uint8_t*>(g_resultMask->imageData) + static_cast<size_t>(y) * g_resultMask->widthStep;
+    const uint8_t* marks = reinterpret_cast<const uint8_t*>(g_markerImage->imageData) +
+                           static_cast<size_t>(y) * g_markerImage->widthStep;
+    uint8_t* out = reinterpret_cast<uint8_t*>(g_resultMask->imageData) +
+                   static_cast<size_t>(y) * g_resultMask->widthStep;
     for (int x = 0; x < width; ++x) {
       if (marks[x] == kLabelObjectFixed) out[x] = 255;
       else if (marks[x] == kLabelBackgroundFixed) out[x] = 0;
     }
   }
   ZIRKSEManageUndoRedo::updateBitPlane(g_resultMask);
-  if (mask != nullptr) loadMaskImageInfo(mask);
-  if (argb != nullptr) loadBlendedImageInfo(argb);
+  if (mask != nullptr) writeMask(mask);
+  if (argb != nullptr) paintOutline(argb);
   freeRequestImages();
   deferredTeardown();
 }
 
-int doSegmentationBB(int width, int height, unsigned int* argb, int x1, int y1, int x2, int y2,
-                     unsigned char* mask) {
+// The rectangle of doSegmentationBB brought into the image. Corners given
+// the other way round describe the same rectangle and are swapped; corners
+// outside the image are clamped, as each path point would be (the path then
+// holds no runs of repeated border points, and no coordinate range can
+// overflow or ask for a huge path). A rectangle with no pixel in the image
+// is refused. Whatever was wrong is logged in one line.
+bool fitRectangle(int width, int height, int& x1, int& y1, int& x2, int& y2) {
+  const int gx1 = x1, gy1 = y1, gx2 = x2, gy2 = y2;
+  const bool inverted = x2 < x1 || y2 < y1;
+  if (x2 < x1) std::swap(x1, x2);
+  if (y2 < y1) std::swap(y1, y2);
+  if (x2 < 0 || y2 < 0 || x1 >= width || y1 >= height) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "doSegmentationBB: rectangle (%d, %d)-(%d, %d) lies outside the %dx%d "
+                        "image; nothing done",
+                        gx1, gy1, gx2, gy2, width, height);
+    return false;
+  }
+  const bool outside = x1 < 0 || y1 < 0 || x2 >= width || y2 >= height;
+  x1 = std::max(x1, 0);
+  y1 = std::max(y1, 0);
+  x2 = std::min(x2, width - 1);
+  y2 = std::min(y2, height - 1);
+  if (inverted || outside) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "doSegmentationBB: rectangle (%d, %d)-(%d, %d) %s; (%d, %d)-(%d, %d) used",
+                        gx1, gy1, gx2, gy2,
+                        inverted && outside ? "inverted and partly outside the image"
+                        : inverted          ? "inverted"
+                                            : "partly outside the image",
+                        x1, y1, x2, y2);
+  }
+  return true;
+}
+
+void doSegmentationBBBody(int width, int height, unsigned int* argb, int x1, int y1, int x2,
+                          int y2, unsigned char* mask) {
   if (argb == nullptr || mask == nullptr) {
     logCallError("doSegmentationBB", "null argb or mask buffer");
-    return 0;
+    return;
   }
   if (width < 1 || height < 1 || !sizeFits(width, height)) {
     ZIRK_LogMemoryCrash("setSourceImage", 115);
-    return 0;
+    return;
   }
-  // Corners given the other way round describe the same rectangle. Corners
-  // outside the image are clamped here, as each path point would be: the
-  // path then holds no runs of repeated border points, and no coordinate
-  // range can overflow or ask for a huge path.
-  if (x2 < x1) std::swap(x1, x2);
-  if (y2 < y1) std::swap(y1, y2);
-  x1 = std::min(std::max(x1, 0), width - 1);
-  x2 = std::min(std::max(x2, 0), width - 1);
-  y1 = std::min(std::max(y1, 0), height - 1);
-  y2 = std::min(std::max(y2, 0), height - 1);
+  if (!fitRectangle(width, height, x1, y1, x2, y2)) return;
 
   const size_t pixels = static_cast<size_t>(width) * height;
   // The preview is drawn into a private copy: the caller receives the mask only.
-  unsigned int* preview = static_cast<unsigned int*>(
-      ZIRK_Malloc_Msg(pixels * sizeof(unsigned int), "doSegmentationBB", __LINE__));
-  int* markers = static_cast<int*>(ZIRK_Calloc_Msg(pixels, sizeof(int), "doSegmentationBB", __LINE__));
+  ScratchPtr<unsigned int> preview(static_cast<unsigned int*>(
+      ZIRK_Malloc_Msg(pixels * sizeof(unsigned int), "doSegmentationBB", __LINE__)));
+  ScratchPtr<int> markers(
+      static_cast<int*>(ZIRK_Calloc_Msg(pixels, sizeof(int), "doSegmentationBB", __LINE__)));
   // The rectangle's border, clockwise from the top-left corner.
   const size_t pointCount = 2 * (static_cast<size_t>(x2 - x1) + static_cast<size_t>(y2 - y1));
-  int* path = static_cast<int*>(
-      ZIRK_Malloc_Msg((pointCount + 1) * 2 * sizeof(int), "doSegmentationBB", __LINE__));
-  if (preview == nullptr || markers == nullptr || path == nullptr) {
-    if (preview != nullptr) ZIRK_Free_Msg(preview, "doSegmentationBB", __LINE__);
-    if (markers != nullptr) ZIRK_Free_Msg(markers, "doSegmentationBB", __LINE__);
-    if (path != nullptr) ZIRK_Free_Msg(path, "doSegmentationBB", __LINE__);
-    return 0;
-  }
-  std::memcpy(preview, argb, pixels * sizeof(unsigned int));
+  ScratchPtr<int> path(static_cast<int*>(
+      ZIRK_Malloc_Msg((pointCount + 1) * 2 * sizeof(int), "doSegmentationBB", __LINE__)));
+  if (preview == nullptr || markers == nullptr || path == nullptr) return;  // logged
+  std::memcpy(preview.get(), argb, pixels * sizeof(unsigned int));
 
   int n = 0;
-  for (int x = x1; x < x2; ++x) path[n++] = x, path[n++] = y1;
-  for (int y = y1; y < y2; ++y) path[n++] = x2, path[n++] = y;
-  for (int x = x2; x > x1; --x) path[n++] = x, path[n++] = y2;
-  for (int y = y2; y > y1; --y) path[n++] = x1, path[n++] = y;
+  int* p = path.get();
+  for (int x = x1; x < x2; ++x) p[n++] = x, p[n++] = y1;
+  for (int y = y1; y < y2; ++y) p[n++] = x2, p[n++] = y;
+  for (int x = x2; x > x1; --x) p[n++] = x, p[n++] = y2;
+  for (int y = y2; y > y1; --y) p[n++] = x1, p[n++] = y;
 
   // Inside of the rectangle, corners included: object, estimated.
   for (int y = y1; y <= y2; ++y) {
-    for (int x = x1; x <= x2; ++x) markers[static_cast<size_t>(y) * width + x] = kLabelObjectEst;
+    for (int x = x1; x <= x2; ++x) markers.get()[static_cast<size_t>(y) * width + x] = kLabelObjectEst;
   }
 
   freeRequestImages();
   teardownEngine();
   resetEditSequence();
-  setSourceImage(width, height, argb);
+  setSourceBody(width, height, argb);
+  if (!haveSource()) return;  // logged
   createEngine();
-  setCurrentMarkerVector(n, path);
-  setMarkerImage(width, height, markers, kEditLoopAdd);
-  processSegment(0, 0, 0, preview, mask);
-
-  ZIRK_Free_Msg(path, "doSegmentationBB", __LINE__);
-  ZIRK_Free_Msg(markers, "doSegmentationBB", __LINE__);
-  ZIRK_Free_Msg(preview, "doSegmentationBB", __LINE__);
-  return 0;
+  setMarkerVectorBody(n, p);
+  setMarkerBody(width, height, markers.get(), kEditLoopAdd);
+  processSegmentBody(preview.get(), mask);
 }
 
-// ------------------------------------------------------------------- results
-
-void loadMaskImageInfo(unsigned char* mask) {
-  if (mask == nullptr || g_resultMask == nullptr) {
-    logCallError("loadMaskImageInfo", mask == nullptr ? "null mask buffer" : "no result mask");
-    return;
-  }
+// Inverted for the caller: 0 = object.
+void writeMask(unsigned char* mask) {
   const int width = g_resultMask->width, height = g_resultMask->height;
   const int step = g_resultMask->widthStep;
   const uint8_t* data = reinterpret_cast<const uint8_t*>(g_resultMask->imageData);
-  // Inverted for the caller: 0 = object.
   forEachPixelInColumnBands(width, height, [&](int x, int y) {
     mask[static_cast<size_t>(y) * width + x] = data[static_cast<size_t>(y) * step + x] > 254 ? 0 : 255;
   });
 }
 
-int loadBlendedImageInfo(unsigned int* argb) {
-  if (argb == nullptr || g_resultMask == nullptr) {
-    logCallError("loadBlendedImageInfo", argb == nullptr ? "null argb buffer" : "no result mask");
-    return 0;
-  }
+void paintOutline(unsigned int* argb) {
   const int width = g_resultMask->width, height = g_resultMask->height;
   if (width < 1 || height < 1) {
     ZIRK_LogMemoryCrash("loadBlendedImageInfo", 493);
-    return 0;
+    return;
   }
-  IplImage* outline = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
-  cvSetZero(outline);
+  ImagePtr outline(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1));
+  cvSetZero(outline.get());
 
   // The contours stay in `storage` for fetch_path_array.
   ZIRK_ReleaseContourStorage();
   storage = cvCreateMemStorage(0);
   contours = nullptr;
-  IplImage* scratch = cvCloneImage(g_resultMask);  // the search writes into its input
-  cvFindContours(scratch, storage, &contours, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE,
-                 cvPoint(0, 0));
-  cvReleaseImage(&scratch);
+  {
+    ImagePtr scratch(cvCloneImage(g_resultMask));  // the search writes into its input
+    cvFindContours(scratch.get(), storage, &contours, sizeof(CvContour), CV_RETR_LIST,
+                   CV_CHAIN_APPROX_SIMPLE, cvPoint(0, 0));
+  }
   if (contours != nullptr) {
-    cvDrawContours(outline, contours, cvScalarAll(255), cvScalarAll(255), 255, 2, CV_AA,
+    cvDrawContours(outline.get(), contours, cvScalarAll(255), cvScalarAll(255), 255, 2, CV_AA,
                    cvPoint(0, 0));
     g_contoursFound = 1;
   }
@@ -533,22 +602,140 @@ int loadBlendedImageInfo(unsigned int* argb) {
     if (data[static_cast<size_t>(y) * step + x] == 255)
       argb[static_cast<size_t>(y) * width + x] = kOutlineColour;
   });
-  cvReleaseImage(&outline);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- life cycle
+
+int initSegmentationEngine(int) {
+  runGuarded("initSegmentationEngine", [] {
+    if (!haveSource()) {
+      logCallError("initSegmentationEngine", "no source image (call setSourceImage first)");
+      return;
+    }
+    createEngine();
+  });
+  return 0;
+}
+
+int deinitSegmentation() {
+  runGuarded("deinitSegmentation", [] {
+    // The marker image and mask of an unfinished request go too, and so does
+    // a teardown request that no request has honoured: it meant this engine.
+    freeRequestImages();
+    teardownEngine();
+    storeExitStatus(0);
+  });
+  return 0;
+}
+
+int resetSegmentationInterface() {
+  runGuarded("resetSegmentationInterface", [] { resetEditSequence(); });
+  return 0;
+}
+
+void cancelSegmentation() { ZIRKSEMarker::m_exitApp = true; }
+
+void exitSegmentation() { storeExitStatus(ZIRKSEMarker::m_exitApp ? 1 : 0); }
+
+int setSourceImage(int width, int height, unsigned int* argb) {
+  runGuarded("setSourceImage", [&] { setSourceBody(width, height, argb); });
+  return 0;
+}
+
+void copySourceImage(unsigned int* argb) {
+  if (argb == nullptr) {
+    logCallError("copySourceImage", "null argb buffer");
+    return;
+  }
+  if (!haveSource()) {
+    logCallError("copySourceImage", "no source image");
+    return;
+  }
+  writeSourceAsArgb(argb);
+}
+
+void freeLocalBuffers() {
+  runGuarded("freeLocalBuffers", [] { freeRequestImages(); });
+}
+
+// -------------------------------------------------------------- marker input
+
+int setMarkerImage(int width, int height, int* markers, int kind) {
+  runGuarded("setMarkerImage", [&] { setMarkerBody(width, height, markers, kind); });
+  return 0;
+}
+
+int setCurrentMarkerVector(int count, int* points) {
+  runGuarded("setCurrentMarkerVector", [&] { setMarkerVectorBody(count, points); });
+  return 0;
+}
+
+// ------------------------------------------------------------------ requests
+
+int processSegment(int, int, int, unsigned int* argb, unsigned char* mask) {
+  int result = 0;
+  if (!runGuarded("processSegment", [&] { result = processSegmentBody(argb, mask); })) {
+    // A failed segmentation was still a segmentation: its cancel is spent.
+    if (pHybrid != nullptr) ZIRKSEMarker::m_exitApp = false;
+    result = pHybrid != nullptr ? 0 : -1;
+  }
+  return result;
+}
+
+void cutOutImage(int, int, int, unsigned int* argb, unsigned char* mask) {
+  runGuarded("cutOutImage", [&] { cutOutBody(argb, mask); });
+}
+
+int doSegmentationBB(int width, int height, unsigned int* argb, int x1, int y1, int x2, int y2,
+                     unsigned char* mask) {
+  runGuarded("doSegmentationBB",
+             [&] { doSegmentationBBBody(width, height, argb, x1, y1, x2, y2, mask); });
+  return 0;
+}
+
+// ------------------------------------------------------------------- results
+
+void loadMaskImageInfo(unsigned char* mask) {
+  if (mask == nullptr || g_resultMask == nullptr) {
+    logCallError("loadMaskImageInfo", mask == nullptr ? "null mask buffer" : "no result mask");
+    return;
+  }
+  writeMask(mask);
+}
+
+int loadBlendedImageInfo(unsigned int* argb) {
+  if (argb == nullptr || g_resultMask == nullptr) {
+    logCallError("loadBlendedImageInfo", argb == nullptr ? "null argb buffer" : "no result mask");
+    return 0;
+  }
+  runGuarded("loadBlendedImageInfo", [&] { paintOutline(argb); });
   return 0;
 }
 
 // ------------------------------------------------------------------- history
 
+// A step whose mask could not be shown is not taken: the position goes back
+// to where it was, so the next step starts from the mask the caller sees.
 void undo(unsigned int* argb, unsigned char* mask) {
-  if (!historyRequestValid("undo", argb, mask)) return;
-  ZIRK_ReleaseImage(&g_resultMask);
-  showHistoryMask(ZIRKSEManageUndoRedo::undo(), argb, mask);
+  const int32_t current = ZIRKSEManageUndoRedo::m_current;
+  const bool done = runGuarded("undo", [&] {
+    if (!historyRequestValid("undo", argb, mask)) return;
+    ZIRK_ReleaseImage(&g_resultMask);
+    showHistoryMask(ZIRKSEManageUndoRedo::undo(), argb, mask);
+  });
+  if (!done && ZIRKSEManageUndoRedo::m_bitPlane != nullptr) ZIRKSEManageUndoRedo::m_current = current;
 }
 
 void redo(unsigned int* argb, unsigned char* mask) {
-  if (!historyRequestValid("redo", argb, mask)) return;
-  ZIRK_ReleaseImage(&g_resultMask);
-  showHistoryMask(ZIRKSEManageUndoRedo::redo(), argb, mask);
+  const int32_t current = ZIRKSEManageUndoRedo::m_current;
+  const bool done = runGuarded("redo", [&] {
+    if (!historyRequestValid("redo", argb, mask)) return;
+    ZIRK_ReleaseImage(&g_resultMask);
+    showHistoryMask(ZIRKSEManageUndoRedo::redo(), argb, mask);
+  });
+  if (!done && ZIRKSEManageUndoRedo::m_bitPlane != nullptr) ZIRKSEManageUndoRedo::m_current = current;
 }
 
 bool canUndo() { return ZIRKSEManageUndoRedo::canUndo(); }

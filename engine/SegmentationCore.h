@@ -17,6 +17,8 @@
 // sequence for a rectangle in one call.
 //
 // Failures are logged (tag "Error"), never returned; buffers stay the caller's.
+// No exception leaves these functions (a failed allocation abandons the
+// request with a log line; the source, the engine and the history stay).
 #pragma once
 
 #include "support/export.h"
@@ -31,6 +33,9 @@ SEGCORE_EXPORT int deinitSegmentation();
 // history positions are cleared; the source and the segmenter stay.
 SEGCORE_EXPORT int resetSegmentationInterface();
 // Asks a running request to stop after its current iteration (any thread).
+// Made between requests, it stops the next segmentation. Once a segmentation
+// has ended (cancelled, timed out or finished) the cancel is spent, so the
+// edit after it runs normally.
 SEGCORE_EXPORT void cancelSegmentation();
 // After cancelSegmentation: tear the engine down at the end of the request.
 SEGCORE_EXPORT void exitSegmentation();
@@ -49,7 +54,8 @@ SEGCORE_EXPORT void freeLocalBuffers();
 // removes, 2 brush that adds, 3 brush that removes.
 SEGCORE_EXPORT int setMarkerImage(int width, int height, int* markers, int kind);
 // The drawn path as count ints (x0, y0, x1, y1, ...). Points are clamped into
-// the source image and the clamped values written back into `points`.
+// the source image and the clamped values written back into `points` (one log
+// line tells how many); an odd last int is ignored, a negative count refused.
 SEGCORE_EXPORT int setCurrentMarkerVector(int count, int* points);
 
 // --- requests and results ---
@@ -65,6 +71,9 @@ SEGCORE_EXPORT int processSegment(int, int, int, unsigned int* argb, unsigned ch
 SEGCORE_EXPORT void cutOutImage(int, int, int, unsigned int* argb, unsigned char* mask);
 // Whole cut-out from the rectangle (x1, y1)-(x2, y2), corners inclusive:
 // tears down any engine, sets the source, creates the engine, segments.
+// Inverted corners are swapped and a rectangle partly outside the image is
+// clamped into it (one log line either way); one with no pixel in the image
+// is refused, leaving the engine and the mask as they were.
 // Only the mask is written; argb is read. The engine stays for further edits.
 SEGCORE_EXPORT int doSegmentationBB(int width, int height, unsigned int* argb, int x1, int y1,
                                     int x2, int y2, unsigned char* mask);

@@ -84,6 +84,25 @@ inline void ZIRK_ReleaseImage(IplImage** image) {
   if (image != nullptr) *image = nullptr;
 }
 
+// Releases the image in *image (ZIRK_ReleaseImage) when the scope ends,
+// however it ends: when OpenCV throws (an allocation that failed), no work
+// image of the abandoned step is leaked. keep() hands the image on instead.
+class ZIRKReleaseOnExit {
+ public:
+  explicit ZIRKReleaseOnExit(IplImage** image) : m_image(image) {}
+  ~ZIRKReleaseOnExit() { ZIRK_ReleaseImage(m_image); }
+  ZIRKReleaseOnExit(const ZIRKReleaseOnExit&) = delete;
+  ZIRKReleaseOnExit& operator=(const ZIRKReleaseOnExit&) = delete;
+  IplImage* keep() {
+    IplImage* kept = *m_image;
+    *m_image = nullptr;
+    return kept;
+  }
+
+ private:
+  IplImage** m_image;
+};
+
 // True once the running segmentation should stop: the budget on
 // g_cancelTimer is spent or a cancel was asked for.
 SEGCORE_EXPORT bool ZIRK_shouldStopSegmentation();

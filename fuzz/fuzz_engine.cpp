@@ -1,151 +1,441 @@
-// Drives random sequences of the caller's functions with small random images,
-// marker images, strokes, rectangles, cancellations, undo and redo.
+// Drives random sequences of the exported functions with small random
+// images, marker images, strokes, rectangles, cancellations, undo and redo,
+// and the live-wire calls on the current source image.
 //
-// The harness keeps the caller's side of the contract only where the engine
-// cannot check it: every buffer it hands over holds at least as many pixels as
-// the most recent source image. Everything else (call order, sizes, counts,
-// points, rectangles, marker sizes) is left to chance.
-#include <fuzzer/FuzzedDataProvider.h>
+// Input format (see make_corpus.py, which writes the seed corpus): a stream
+// of operations, each an opcode byte followed by its arguments. A value in a
+// range of up to 256 numbers takes one byte, up to 65536 two bytes (little
+// endian), more four; reading past the end gives zeros, so every input is a
+// valid program.
+//
+// The harness keeps the caller's side of the contract: every buffer it hands
+// over holds exactly as many pixels as the engine's current source image
+// (one word when there is none), allocated on its own so that the address
+// sanitizer sees any access past it. Everything else (call order, sizes,
+// counts, points, rectangles, marker sizes, null pointers) is left to chance.
+// Beyond the sanitizers, it checks what a caller can see after every call
+// and traps when something is wrong:
+//  - no request leaves a result mask behind, and a source always has its
+//    history (of its size) and an engine always has its source;
+//  - a mask buffer is left untouched or filled with 0 and 255 only;
+//  - a preview pixel is the caller's pixel, the opaque source pixel or the
+//    outline colour;
+//  - the live-wire parents form a tree rooted at the seed, a seed outside the
+//    image throws std::out_of_range, and the contour array handed over by
+//    fetch_path_array is well formed and lies inside the source.
+#include <opencv2/core/core_c.h>
 
 #include <cstdint>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <stdexcept>
 #include <vector>
 
+#include "engine/EngineState.h"
 #include "engine/SegmentationCore.h"
+#include "engine/ZIRKSEManageUndoRedo.h"
+#include "engine/ZIRKSEMarker.h"
+#include "livewire/LiveWire.h"
 
 namespace {
 
-constexpr int kMaxSide = 24;
-constexpr int kMaxSteps = 24;
+constexpr int kMaxSide = 32;       // small images: most sequences
+constexpr int kLargeMin = 270;     // large ones: the working image is reduced
+constexpr int kLargeMax = 300;     // (more than 76800 pixels from 278 x 278 on)
+constexpr int kMaxOps = 40;
+constexpr unsigned int kOutline = 0xFFFFFF00u;
+constexpr unsigned char kMaskFill = 0x77;
 
-struct Harness {
-  int width = 0;   // size of the most recent source image
-  int height = 0;
-  std::vector<unsigned int> argb;
-  std::vector<unsigned char> mask;
+void check(bool ok) {
+  if (!ok) __builtin_trap();
+}
 
-  // Caller buffers for the current source (at least one element each).
-  void resize(int w, int h) {
-    width = w > 0 ? w : 0;
-    height = h > 0 ? h : 0;
-    const size_t n = static_cast<size_t>(width) * height + 1;
-    if (argb.size() < n) argb.resize(n);
-    if (mask.size() < n) mask.resize(n);
+// Forward reader of the fuzz input.
+class Input {
+ public:
+  Input(const uint8_t* data, size_t size) : m_data(data), m_size(size) {}
+  bool empty() const { return m_at >= m_size; }
+  uint8_t byte() { return m_at < m_size ? m_data[m_at++] : 0; }
+  bool flag() { return (byte() & 1) != 0; }
+  uint32_t word() {
+    uint32_t w = 0;
+    for (int i = 0; i < 4; ++i) w |= static_cast<uint32_t>(byte()) << (8 * i);
+    return w;
+  }
+  // A number in [lo, hi].
+  int range(int lo, int hi) {
+    const uint64_t span = static_cast<uint64_t>(static_cast<int64_t>(hi) - lo) + 1;
+    uint64_t v;
+    if (span <= 256) v = byte();
+    else if (span <= 65536) v = byte() | (static_cast<uint64_t>(byte()) << 8);
+    else v = word();
+    return static_cast<int>(lo + static_cast<int64_t>(v % span));
+  }
+  // A coordinate for an image side: mostly inside, some just outside.
+  int coordinate(int side) {
+    const int s = side > 0 ? side : 1;
+    return static_cast<int>(static_cast<int64_t>(byte()) * (s + 16) / 255) - 8;
+  }
+
+ private:
+  const uint8_t* m_data;
+  size_t m_size;
+  size_t m_at = 0;
+};
+
+int sourceWidth() { return ZIRKSEMarker::m_originalImage ? ZIRKSEMarker::m_originalImage->width : 0; }
+int sourceHeight() {
+  return ZIRKSEMarker::m_originalImage ? ZIRKSEMarker::m_originalImage->height : 0;
+}
+size_t sourcePixels() { return static_cast<size_t>(sourceWidth()) * sourceHeight(); }
+
+// Large images are slow to segment: one size in four, and at most a few per
+// input so that no input runs into the time limit.
+constexpr int kMaxLargePerInput = 3;
+int g_largeLeft = kMaxLargePerInput;
+bool isLarge(uint8_t flags) {
+  if ((flags & 0x0C) != 0x0C || g_largeLeft == 0) return false;
+  --g_largeLeft;
+  return true;
+}
+
+// Image size: small, or large enough for a reduced working image.
+void readSize(Input& in, bool large, int& w, int& h) {
+  if (large) {
+    w = in.range(kLargeMin, kLargeMax);
+    h = in.range(kLargeMin, kLargeMax);
+  } else {
+    w = in.range(-1, kMaxSide);
+    h = in.range(-1, kMaxSide);
+  }
+}
+
+// Two colours in a disc or a half-plane, with a little noise.
+std::vector<unsigned int> readImage(Input& in, int w, int h) {
+  const unsigned int a = in.word(), b = in.word();
+  const uint8_t shape = in.byte();
+  std::mt19937 noise(in.byte());
+  const size_t n = static_cast<size_t>(w > 0 ? w : 0) * (h > 0 ? h : 0);
+  std::vector<unsigned int> pixels(n > 0 ? n : 1, a);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      bool inside;
+      if (shape & 1) {
+        const int dx = 2 * x - w, dy = 2 * y - h;
+        inside = dx * dx + dy * dy < (w * w + h * h) / ((shape >> 1) % 6 + 3);
+      } else {
+        inside = x * 255 < static_cast<int>(shape) * w;
+      }
+      pixels[static_cast<size_t>(y) * w + x] = (inside ? b : a) ^ (noise() & 0x00070707u);
+    }
+  }
+  return pixels;
+}
+
+// The caller's buffers for one call, exactly the source's size.
+struct CallerBuffers {
+  std::unique_ptr<unsigned int[]> argb;
+  std::unique_ptr<unsigned char[]> mask;
+  std::vector<unsigned int> given;  // argb as handed over
+  std::vector<unsigned int> source; // opaque source pixels at the call
+  size_t n;
+
+  explicit CallerBuffers(Input& in) : n(sourcePixels()) {
+    const size_t words = n > 0 ? n : 1;
+    argb.reset(new unsigned int[words]);
+    mask.reset(new unsigned char[words]);
+    const unsigned int fill = in.word();
+    given.assign(words, 0);
+    for (size_t i = 0; i < words; ++i) given[i] = fill + static_cast<unsigned int>(i) * 0x9E3779B9u;
+    std::memcpy(argb.get(), given.data(), words * sizeof(unsigned int));
+    std::memset(mask.get(), kMaskFill, words);
+    source.assign(words, 0);
+    if (n > 0) copySourceImage(source.data());
+  }
+
+  unsigned int* argbOrNull(bool null) { return null ? nullptr : argb.get(); }
+  unsigned char* maskOrNull(bool null) { return null ? nullptr : mask.get(); }
+
+  // The mask untouched, or a whole mask of 0 and 255; the preview made of
+  // the caller's pixels, source pixels and outline pixels.
+  void verify() const {
+    const size_t words = n > 0 ? n : 1;
+    bool untouched = true, binary = true;
+    for (size_t i = 0; i < words; ++i) {
+      untouched = untouched && mask[i] == kMaskFill;
+      binary = binary && (mask[i] == 0 || mask[i] == 255);
+    }
+    check(untouched || (n > 0 && binary));
+    for (size_t i = 0; i < words; ++i) {
+      const unsigned int p = argb[i];
+      check(p == given[i] || (n > 0 && (p == source[i] || p == kOutline)));
+    }
   }
 };
 
-std::vector<unsigned int> randomImage(FuzzedDataProvider& in, int w, int h) {
-  const size_t n = static_cast<size_t>(w > 0 ? w : 0) * (h > 0 ? h : 0) + 1;
-  std::vector<unsigned int> pixels(n);
-  // A few colours in blocks give the cut something to find.
-  const unsigned int a = in.ConsumeIntegral<unsigned int>();
-  const unsigned int b = in.ConsumeIntegral<unsigned int>();
-  const int split = in.ConsumeIntegralInRange<int>(0, kMaxSide);
-  for (size_t i = 0; i < n; ++i) {
-    const int x = w > 0 ? static_cast<int>(i % w) : 0;
-    pixels[i] = (x < split ? a : b) ^ (in.ConsumeBool() ? 0x00010101u : 0u);
+// Process-wide state that every call must leave consistent.
+void checkEngineState() {
+  check(g_resultMask == nullptr);
+  const IplImage* src = ZIRKSEMarker::m_originalImage;
+  if (src != nullptr) {
+    check(ZIRKSEMarker::m_originalWidth == src->width);
+    check(ZIRKSEMarker::m_originalHeight == src->height);
+    check(ZIRKSEManageUndoRedo::m_bitPlane != nullptr);
+    check(ZIRKSEManageUndoRedo::width == src->width && ZIRKSEManageUndoRedo::height == src->height);
   }
-  return pixels;
+  if (pHybrid != nullptr) check(src != nullptr);
+}
+
+void opSource(Input& in) {
+  const uint8_t flags = in.byte();
+  if (flags & 1) deinitSegmentation();
+  int w, h;
+  readSize(in, isLarge(flags), w, h);
+  std::vector<unsigned int> pixels = readImage(in, w, h);
+  setSourceImage(w, h, (flags & 2) ? nullptr : pixels.data());
+}
+
+void opMarker(Input& in) {
+  const uint8_t flags = in.byte();
+  int w = sourceWidth(), h = sourceHeight();
+  if (flags & 1) readSize(in, isLarge(flags), w, h);
+  const int kind = in.range(-1, 4);
+  const int inner = in.range(-5, 300);
+  const int outer = in.range(0, 4);
+  const int x0 = in.coordinate(w), y0 = in.coordinate(h);
+  const int x1 = in.coordinate(w), y1 = in.coordinate(h);
+  const size_t n = static_cast<size_t>(w > 0 ? w : 0) * (h > 0 ? h : 0);
+  std::unique_ptr<int[]> markers(new int[n > 0 ? n : 1]);
+  markers[0] = outer;
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      markers[static_cast<size_t>(y) * w + x] = x >= x0 && x <= x1 && y >= y0 && y <= y1 ? inner : outer;
+  setMarkerImage(w, h, (flags & 2) ? nullptr : markers.get(), kind);
+}
+
+void opPath(Input& in) {
+  const int count = in.range(-2, 40);
+  const bool null = in.flag();
+  const int w = sourceWidth(), h = sourceHeight();
+  const size_t n = count > 0 ? static_cast<size_t>(count) : 1;
+  std::unique_ptr<int[]> points(new int[n]);
+  for (size_t i = 0; i < n; ++i) points[i] = in.coordinate(i % 2 == 0 ? w : h);
+  setCurrentMarkerVector(count, null ? nullptr : points.get());
+  if (!null && count > 0 && w > 0 && h > 0) {
+    // The caller's path comes back clamped into the image.
+    for (size_t i = 0; i + 1 < n; i += 2) {
+      check(points[i] >= 0 && points[i] < w);
+      check(points[i + 1] >= 0 && points[i + 1] < h);
+    }
+  }
+}
+
+void opRequest(Input& in, int which) {
+  const uint8_t flags = in.byte();
+  CallerBuffers b(in);
+  unsigned int* argb = b.argbOrNull(flags & 1);
+  unsigned char* mask = b.maskOrNull(flags & 2);
+  switch (which) {
+    case 0: processSegment(0, 0, 0, argb, mask); break;
+    case 1: cutOutImage(0, 0, 0, argb, mask); break;
+    case 2: undo(argb, mask); break;
+    case 3: redo(argb, mask); break;
+    case 4: copySourceImage(argb); break;
+    default:
+      loadMaskImageInfo(mask);
+      loadBlendedImageInfo(argb);
+      break;
+  }
+  if (which == 4 && argb != nullptr && b.n > 0) {
+    for (size_t i = 0; i < b.n; ++i) check(argb[i] == b.source[i]);
+  }
+  b.verify();
+}
+
+void opRectangle(Input& in) {
+  const uint8_t flags = in.byte();
+  int w, h;
+  readSize(in, isLarge(flags), w, h);
+  std::vector<unsigned int> pixels = readImage(in, w, h);
+  const int x1 = in.coordinate(w), y1 = in.coordinate(h);
+  const int x2 = in.coordinate(w), y2 = in.coordinate(h);
+  const size_t n = static_cast<size_t>(w > 0 ? w : 0) * (h > 0 ? h : 0);
+  std::unique_ptr<unsigned char[]> mask(new unsigned char[n > 0 ? n : 1]);
+  std::memset(mask.get(), kMaskFill, n > 0 ? n : 1);
+  const std::vector<unsigned int> given = pixels;
+  doSegmentationBB(w, h, (flags & 1) ? nullptr : pixels.data(), x1, y1, x2, y2,
+                   (flags & 2) ? nullptr : mask.get());
+  check(pixels == given);  // argb is only read
+  bool untouched = true, binary = true;
+  for (size_t i = 0; i < (n > 0 ? n : 1); ++i) {
+    untouched = untouched && mask[i] == kMaskFill;
+    binary = binary && (mask[i] == 0 || mask[i] == 255);
+  }
+  check(untouched || (n > 0 && binary));
+}
+
+// The source as a BGR image the size of a small preview: its top-left
+// corner of at most kPreviewSide x kPreviewSide pixels (a 1 x 1 black image
+// when there is no source).
+constexpr int kPreviewSide = 64;
+IplImage* sourceCopy() {
+  const IplImage* src = ZIRKSEMarker::m_originalImage;
+  if (src == nullptr) {
+    IplImage* one = cvCreateImage(cvSize(1, 1), IPL_DEPTH_8U, 3);
+    cvSetZero(one);
+    return one;
+  }
+  const int w = src->width < kPreviewSide ? src->width : kPreviewSide;
+  const int h = src->height < kPreviewSide ? src->height : kPreviewSide;
+  IplImage* copy = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 3);
+  for (int y = 0; y < h; ++y)
+    std::memcpy(copy->imageData + static_cast<size_t>(y) * copy->widthStep,
+                src->imageData + static_cast<size_t>(y) * src->widthStep, static_cast<size_t>(w) * 3);
+  return copy;
+}
+
+void opLiveWire(Input& in) {
+  IplImage* image = sourceCopy();
+  const int w = image->width, h = image->height;
+  IplImage* labels = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
+  const uint8_t pattern = in.byte();
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      CV_IMAGE_ELEM(labels, uint8_t, y, x) =
+          static_cast<uint8_t>(((x * (pattern & 7)) / (w > 1 ? w : 1) + y * (pattern >> 5)) % 5);
+  const int seedRow = in.range(-2, h + 1), seedCol = in.range(-2, w + 1);
+  const double alpha = in.byte() / 255.0;
+  const uint8_t flags = in.byte();
+  IplImage* costMap = (flags & 1) ? cvCreateImage(cvSize(w, h), IPL_DEPTH_32F, 1) : nullptr;
+  IplImage* wrongLabels = (flags & 2) ? cvCreateImage(cvSize(w + 1, h), IPL_DEPTH_8U, 1) : nullptr;
+  IplImage* useLabels = wrongLabels != nullptr ? wrongLabels : labels;
+  const bool seedInside = seedRow >= 0 && seedRow < h && seedCol >= 0 && seedCol < w;
+  std::vector<int> parents;
+  bool threw = false;
+  try {
+    parents = costMap ? find_parent_info(image, useLabels, seedRow, seedCol, alpha, costMap)
+                      : find_parent_info(image, useLabels, seedRow, seedCol, alpha);
+  } catch (const std::out_of_range&) {
+    threw = true;
+  }
+  if (wrongLabels != nullptr) {
+    check(!threw && parents.empty());  // refused before looking at the seed
+  } else {
+    check(threw == !seedInside);
+    if (seedInside) {
+      const int n = w * h, seed = seedRow * w + seedCol;
+      check(parents.size() == static_cast<size_t>(n));
+      check(parents[static_cast<size_t>(seed)] == seed);
+      // Every reached pixel leads to the seed through reached pixels, without
+      // a cycle (linear: each pixel is walked once).
+      std::vector<uint8_t> state(static_cast<size_t>(n), 0);  // 1 on this walk, 2 done
+      std::vector<int> walk;
+      state[static_cast<size_t>(seed)] = 2;
+      for (int p = 0; p < n; ++p) {
+        if (state[static_cast<size_t>(p)] != 0) continue;
+        if (parents[static_cast<size_t>(p)] == -1) {
+          state[static_cast<size_t>(p)] = 2;  // not reached
+          continue;
+        }
+        walk.clear();
+        int at = p;
+        while (state[static_cast<size_t>(at)] == 0) {
+          const int parent = parents[static_cast<size_t>(at)];
+          check(parent >= 0 && parent < n);
+          state[static_cast<size_t>(at)] = 1;
+          walk.push_back(at);
+          at = parent;
+        }
+        check(state[static_cast<size_t>(at)] == 2 && parents[static_cast<size_t>(at)] != -1);
+        for (int v : walk) state[static_cast<size_t>(v)] = 2;
+      }
+    }
+  }
+
+  // The single-pixel helpers, anywhere in or near the image.
+  const int r = in.range(-2, h + 1), c = in.range(-2, w + 1);
+  (void)find_weight(image, r, c, in.range(-2, h + 1), in.range(-2, w + 1), alpha);
+  Node_ node;
+  std::memset(&node, 0, sizeof(node));
+  assign_index(node, h, w, r, c, 0.0);
+  assign_weight(image, useLabels, node, r, c, alpha);
+  for (const NodeLink& link : node.links) check(link.to >= -1 && link.to < w * h);
+
+  if (costMap != nullptr) cvReleaseImage(&costMap);
+  if (wrongLabels != nullptr) cvReleaseImage(&wrongLabels);
+  cvReleaseImage(&labels);
+  cvReleaseImage(&image);
+}
+
+void opFetch(Input& in) {
+  const uint8_t flags = in.byte();
+  int* array = nullptr;
+  int length = -1;
+  int* out = fetch_path_array((flags & 1) ? nullptr : &array, (flags & 2) ? nullptr : &length);
+  if (flags & 3) {
+    check(out == nullptr);
+    return;
+  }
+  check(out != nullptr && out == array && length >= 1);
+  // [count, n, x, y, ..., -1, ...] filling exactly length ints, inside the source.
+  const int w = sourceWidth(), h = sourceHeight();
+  int at = 1;
+  for (int k = 0; k < array[0]; ++k) {
+    check(at < length);
+    const int n = array[at++];
+    check(n >= 0 && at + 2 * n < length);
+    for (int i = 0; i < n; ++i, at += 2) {
+      check(array[at] >= 0 && array[at] < w);
+      check(array[at + 1] >= 0 && array[at + 1] < h);
+    }
+    check(array[at++] == -1);
+  }
+  check(at == length);
+  delete[] array;
+  // Handed over once.
+  out = fetch_path_array(&array, &length);
+  check(out != nullptr && length == 1 && array[0] == 0);
+  delete[] array;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
-  Harness h;
-  h.resize(0, 0);
-  const int steps = in.ConsumeIntegralInRange<int>(1, kMaxSteps);
-  for (int step = 0; step < steps && in.remaining_bytes() > 0; ++step) {
-    switch (in.ConsumeIntegralInRange<int>(0, 16)) {
-      case 0: {  // new source image (sometimes without tearing down first)
-        if (in.ConsumeBool()) deinitSegmentation();
-        const int w = in.ConsumeIntegralInRange<int>(-1, kMaxSide);
-        const int hh = in.ConsumeIntegralInRange<int>(-1, kMaxSide);
-        std::vector<unsigned int> pixels = randomImage(in, w, hh);
-        setSourceImage(w, hh, in.ConsumeBool() ? pixels.data() : nullptr);
-        h.resize(w, hh);
-        break;
-      }
-      case 1:
-        initSegmentationEngine(0);
-        break;
-      case 2: {  // marker image, sometimes of another size than the source
-        const bool same = in.ConsumeBool();
-        const int w = same ? h.width : in.ConsumeIntegralInRange<int>(-1, kMaxSide);
-        const int hh = same ? h.height : in.ConsumeIntegralInRange<int>(-1, kMaxSide);
-        const size_t n = static_cast<size_t>(w > 0 ? w : 0) * (hh > 0 ? hh : 0) + 1;
-        std::vector<int> markers(n);
-        const int x0 = in.ConsumeIntegralInRange<int>(0, kMaxSide);
-        const int x1 = in.ConsumeIntegralInRange<int>(0, kMaxSide);
-        const int value = in.ConsumeIntegralInRange<int>(-5, 300);
-        for (size_t i = 0; i < n; ++i) {
-          const int x = w > 0 ? static_cast<int>(i % w) : 0;
-          markers[i] = (x >= x0 && x <= x1) ? value : 0;
-        }
-        const int kind = in.ConsumeIntegralInRange<int>(-1, 4);
-        setMarkerImage(w, hh, in.ConsumeBool() ? markers.data() : nullptr, kind);
-        break;
-      }
-      case 3: {  // drawn path: any count, points inside and outside
-        const int count = in.ConsumeIntegralInRange<int>(-2, 40);
-        std::vector<int> points(static_cast<size_t>(count > 0 ? count : 0) + 1);
-        for (int& p : points) p = in.ConsumeIntegralInRange<int>(-50, 100);
-        setCurrentMarkerVector(count, in.ConsumeBool() ? points.data() : nullptr);
-        break;
-      }
-      case 4:
-        processSegment(0, 0, 0, in.ConsumeBool() ? h.argb.data() : nullptr,
-                       in.ConsumeBool() ? h.mask.data() : nullptr);
-        break;
-      case 5:
-        cutOutImage(0, 0, 0, in.ConsumeBool() ? h.argb.data() : nullptr,
-                    in.ConsumeBool() ? h.mask.data() : nullptr);
-        break;
-      case 6: {  // one-call rectangle, inverted and outside rectangles included
-        const int w = in.ConsumeIntegralInRange<int>(-1, kMaxSide);
-        const int hh = in.ConsumeIntegralInRange<int>(-1, kMaxSide);
-        std::vector<unsigned int> pixels = randomImage(in, w, hh);
-        h.resize(w, hh);
-        const int x1 = in.ConsumeIntegralInRange<int>(-5, kMaxSide + 5);
-        const int y1 = in.ConsumeIntegralInRange<int>(-5, kMaxSide + 5);
-        const int x2 = in.ConsumeIntegralInRange<int>(-5, kMaxSide + 5);
-        const int y2 = in.ConsumeIntegralInRange<int>(-5, kMaxSide + 5);
-        doSegmentationBB(w, hh, pixels.data(), x1, y1, x2, y2,
-                         in.ConsumeBool() ? h.mask.data() : nullptr);
-        break;
-      }
-      case 7:
-        undo(h.argb.data(), h.mask.data());
-        break;
-      case 8:
-        redo(h.argb.data(), h.mask.data());
-        break;
+  Input in(data, size);
+  g_largeLeft = kMaxLargePerInput;
+  for (int op = 0; op < kMaxOps && !in.empty(); ++op) {
+    switch (in.byte() % 20) {
+      case 0: opSource(in); break;
+      case 1: initSegmentationEngine(0); break;
+      case 2: opMarker(in); break;
+      case 3: opPath(in); break;
+      case 4: opRequest(in, 0); break;   // processSegment
+      case 5: opRequest(in, 1); break;   // cutOutImage
+      case 6: opRectangle(in); break;
+      case 7: opRequest(in, 2); break;   // undo
+      case 8: opRequest(in, 3); break;   // redo
       case 9:
         (void)canUndo();
         (void)canRedo();
         break;
-      case 10:
-        resetSegmentationInterface();
+      case 10: resetSegmentationInterface(); break;
+      case 11: deinitSegmentation(); break;
+      case 12: cancelSegmentation(); break;
+      case 13: exitSegmentation(); break;
+      case 14: freeLocalBuffers(); break;
+      case 15: opRequest(in, 4); break;  // copySourceImage
+      case 16: opRequest(in, 5); break;  // loadMaskImageInfo + loadBlendedImageInfo
+      case 17: opLiveWire(in); break;
+      case 18: opFetch(in); break;
+      default: {  // a whole edit in one go
+        opMarker(in);
+        opPath(in);
+        opRequest(in, 0);
         break;
-      case 11:
-        deinitSegmentation();
-        break;
-      case 12:
-        cancelSegmentation();
-        break;
-      case 13:
-        exitSegmentation();
-        break;
-      case 14:
-        freeLocalBuffers();
-        break;
-      case 15:
-        copySourceImage(in.ConsumeBool() ? h.argb.data() : nullptr);
-        break;
-      default:
-        loadMaskImageInfo(h.mask.data());
-        loadBlendedImageInfo(h.argb.data());
-        break;
+      }
     }
+    checkEngineState();
   }
   // The next input starts from nothing: whatever this one left is released.
   freeLocalBuffers();

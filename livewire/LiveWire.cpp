@@ -3,8 +3,10 @@
 #include <android/log.h>
 
 #include <cfloat>
+#include <climits>
 #include <cmath>
 #include <cstddef>
+#include <new>
 #include <stdexcept>
 
 #include "engine/EngineState.h"
@@ -21,15 +23,23 @@ constexpr int kSlotCol[8] = {1, 1, 1, 0, -1, -1, -1, 0};
 bool isForeground(uint8_t label) { return label == 2 || label == 4; }
 bool isBackground(uint8_t label) { return label == 1 || label == 3; }
 
-bool isColourImage(const IplImage* image) {
-  return image != nullptr && image->depth == IPL_DEPTH_8U && image->nChannels == 3 &&
-         image->width > 0 && image->height > 0;
+// An 8-bit image of this many channels whose pixels can be read: it has
+// data, and its rows are at least as long as its pixels (a header made by
+// the caller may claim otherwise).
+bool isReadable(const IplImage* image, int channels) {
+  return image != nullptr && image->depth == IPL_DEPTH_8U && image->nChannels == channels &&
+         image->width > 0 && image->height > 0 && image->imageData != nullptr &&
+         static_cast<int64_t>(image->widthStep) >= static_cast<int64_t>(image->width) * channels;
 }
 
-// Colour image and label image that the search can walk together.
+bool isColourImage(const IplImage* image) { return isReadable(image, 3); }
+
+// Colour image and label image that the search can walk together; pixel ids
+// (row * width + column) must fit in an int.
 bool acceptsImages(const IplImage* image, const IplImage* labels, const char* function) {
-  if (isColourImage(image) && labels != nullptr && labels->depth == IPL_DEPTH_8U &&
-      labels->nChannels == 1 && labels->width == image->width && labels->height == image->height) {
+  if (isColourImage(image) && isReadable(labels, 1) && labels->width == image->width &&
+      labels->height == image->height &&
+      static_cast<int64_t>(image->width) * image->height <= INT32_MAX) {
     return true;
   }
   __android_log_print(ANDROID_LOG_ERROR, "Error",
@@ -93,13 +103,10 @@ void fillCosts(const IplImage* image, const IplImage* labels, Node_& node, int r
 }
 
 // The search shared by both forms of find_parent_info; costMap may be null.
-std::vector<int> search(IplImage* image, IplImage* labels, int seedRow, int seedCol, double alpha,
-                        IplImage* costMap) {
+std::vector<int> searchFrom(IplImage* image, IplImage* labels, int seedRow, int seedCol,
+                            double alpha, IplImage* costMap) {
   const int width = image->width;
   const int height = image->height;
-  if (seedRow < 0 || seedRow >= height || seedCol < 0 || seedCol >= width) {
-    throw std::out_of_range("find_parent_info: seed outside the image");
-  }
   const size_t count = static_cast<size_t>(width) * static_cast<size_t>(height);
 
   // 1. Records with their links and costs.
@@ -156,6 +163,24 @@ std::vector<int> search(IplImage* image, IplImage* labels, int seedRow, int seed
   return parents;
 }
 
+// The search, refusing a seed outside the image with std::out_of_range (the
+// documented answer) and answering an image too large for memory (about 170
+// bytes per pixel) with a log line and no parents.
+std::vector<int> search(IplImage* image, IplImage* labels, int seedRow, int seedCol, double alpha,
+                        IplImage* costMap) {
+  if (seedRow < 0 || seedRow >= image->height || seedCol < 0 || seedCol >= image->width) {
+    throw std::out_of_range("find_parent_info: seed outside the image");
+  }
+  try {
+    return searchFrom(image, labels, seedRow, seedCol, alpha, costMap);
+  } catch (const std::bad_alloc&) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "find_parent_info: out of memory for a %dx%d search", image->width,
+                        image->height);
+    return {};
+  }
+}
+
 // Points of one contour, or 0 for a sequence that does not hold points.
 int pointCount(const CvSeq* seq) {
   return seq->elem_size == static_cast<int>(sizeof(CvPoint)) ? seq->total : 0;
@@ -175,6 +200,13 @@ double find_weight(IplImage* image, int r1, int c1, int r2, int c2, double alpha
 }
 
 void assign_index(Node_& node, int height, int width, int r, int c, double) {
+  if (height < 1 || width < 1 || static_cast<int64_t>(height) * width > INT32_MAX || r < 0 ||
+      r >= height || c < 0 || c >= width) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "assign_index: pixel (%d, %d) is not in a %d x %d grid of int ids", r, c,
+                        height, width);
+    return;
+  }
   fillIndices(node, height, width, r, c);
 }
 
@@ -197,7 +229,10 @@ std::vector<int> find_parent_info(IplImage* image, IplImage* labels, int seedRow
 std::vector<int> find_parent_info(IplImage* image, IplImage* labels, int seedRow, int seedCol,
                                   double alpha, IplImage* costMap) {
   if (!acceptsImages(image, labels, "find_parent_info")) return {};
-  if (costMap == nullptr || costMap->width != image->width || costMap->height != image->height) {
+  // cvSet2D addresses the map's region of interest, so that is what must
+  // match; a map without pixels would make it throw.
+  if (costMap == nullptr || costMap->imageData == nullptr ||
+      cvGetSize(costMap).width != image->width || cvGetSize(costMap).height != image->height) {
     __android_log_print(ANDROID_LOG_ERROR, "Error",
                         "find_parent_info: the cost map must have the image's size");
     return {};
@@ -208,6 +243,8 @@ std::vector<int> find_parent_info(IplImage* image, IplImage* labels, int seedRow
 int* fetch_path_array(int** array, int* length) {
   if (array == nullptr || length == nullptr) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "fetch_path_array: null array or length");
+    if (array != nullptr) *array = nullptr;
+    if (length != nullptr) *length = 0;
     return nullptr;
   }
   const CvSeq* first = g_contoursFound == 1 ? contours : nullptr;
@@ -220,8 +257,16 @@ int* fetch_path_array(int** array, int* length) {
     total += 2 + 2 * static_cast<size_t>(pointCount(seq));
   }
 
-  // 2. Fill: [count, n, x, y, ..., -1, ...].
-  int* out = new int[total];
+  // 2. Fill: [count, n, x, y, ..., -1, ...]. A list too long for an int
+  // length, or no memory for it, is logged and stays where it is.
+  int* out = total <= static_cast<size_t>(INT_MAX) ? new (std::nothrow) int[total] : nullptr;
+  if (out == nullptr) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "fetch_path_array: no memory for %zu ints of contours", total);
+    *array = nullptr;
+    *length = 0;
+    return nullptr;
+  }
   size_t at = 0;
   out[at++] = static_cast<int>(contourCount);
   for (const CvSeq* seq = first; seq != nullptr; seq = seq->h_next) {

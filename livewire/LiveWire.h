@@ -60,7 +60,9 @@ struct Node_ {
 SEGCORE_EXPORT double find_weight(IplImage* image, int r1, int c1, int r2, int c2, double alpha);
 
 // Fills node.links[k].to for pixel (r, c) of a height x width grid; -1 for
-// neighbours outside. The last argument is not used.
+// neighbours outside. The last argument is not used. A pixel outside the
+// grid, or a grid whose ids do not fit in an int, logs a line and leaves node
+// untouched.
 SEGCORE_EXPORT void assign_index(Node_& node, int height, int width, int r, int c, double);
 
 // Fills node.links[k].linkCost for pixel (r, c) from the colours and labels
@@ -71,9 +73,10 @@ SEGCORE_EXPORT void assign_weight(IplImage* image, IplImage* labels, Node_& node
                                   double alpha);
 
 // Runs the search from (seedRow, seedCol) and returns width*height parent ids
-// in pixel order (-1 for pixels the seed cannot reach). Bad images give an
-// empty vector and a log line; a seed outside the image throws
-// std::out_of_range.
+// in pixel order (-1 for pixels the seed cannot reach). Bad images (no
+// pixel data, wrong format or size, more pixels than int ids) and a search
+// that does not fit in memory give an empty vector and a log line; a seed
+// outside the image throws std::out_of_range.
 SEGCORE_EXPORT std::vector<int> find_parent_info(IplImage* image, IplImage* labels, int seedRow,
                                                  int seedCol, double alpha);
 // The same, and writes every pixel's final cost into costMap (same size as
@@ -87,6 +90,7 @@ SEGCORE_EXPORT std::vector<int> find_parent_info(IplImage* image, IplImage* labe
 // with *length = 2 * (count + total points) + 1, or [0] with *length = 1 when
 // there are none. The array is allocated with new[] and stored at *array;
 // the caller releases it with delete[]. Afterwards `contours` is null and
-// g_contoursFound 0. Null arguments log a line and return null, leaving the
-// contours in place.
+// g_contoursFound 0. Null arguments, or no memory for the array, log a line
+// and return null (with *array null and *length 0 when they can be written),
+// leaving the contours in place.
 SEGCORE_EXPORT int* fetch_path_array(int** array, int* length);

@@ -206,8 +206,11 @@ void ZIRKSEHybrid::computeTexture() {
     ZIRK_LogMemoryCrash("computeTexture", 2818);
     return;  // nothing to measure; no zero-sized maps
   }
-  IplImage* hor = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
-  IplImage* ver = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
+  IplImage* hor = nullptr;
+  IplImage* ver = nullptr;
+  ZIRKReleaseOnExit releaseHor(&hor), releaseVer(&ver);
+  hor = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
+  ver = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
   cvSetZero(hor);
   cvSetZero(ver);
   const int step = src->nChannels;
@@ -237,8 +240,8 @@ void ZIRKSEHybrid::computeTexture() {
           static_cast<uint8_t>(std::abs(pixelRow(src, y - 1)[w - 1] - pixelRow(src, y)[w - 1]));
     }
   }
-  ZIRKSEMarker::m_texHor = hor;
-  ZIRKSEMarker::m_texVer = ver;
+  ZIRKSEMarker::m_texHor = releaseHor.keep();
+  ZIRKSEMarker::m_texVer = releaseVer.keep();
 }
 
 bool ZIRKSEHybrid::boundaryTest(const IplImage* mask, float fraction) {
@@ -320,7 +323,9 @@ void ZIRKSEHybrid::preProcess() {
     g_t_preProcess += nowMs() - start;
     return;
   }
-  IplImage* grey = cvCreateImage(cvGetSize(crop), IPL_DEPTH_8U, 1);
+  IplImage* grey = nullptr;
+  ZIRKReleaseOnExit releaseCrop(&crop), releaseGrey(&grey);
+  grey = cvCreateImage(cvGetSize(crop), IPL_DEPTH_8U, 1);
   cvCvtColor(crop, grey, CV_BGR2GRAY);
   cv::Mat greyMat = cv::cvarrToMat(grey, true);
   cvReleaseImage(&crop);

@@ -121,6 +121,7 @@ int ZIRKSEHybrid::optimalLamda(IplImage** labelImages, float* /*candidates*/) {
     return 0;
   }
   IplImage* work = cvCreateImage(size, IPL_DEPTH_8U, 1);
+  ZIRKReleaseOnExit releaseWork(&work);
   cv::Mat view = cv::cvarrToMat(work);  // shares work's pixels
 
   int64_t count[3] = {0, 0, 0};
@@ -251,6 +252,7 @@ void ZIRKSEHybrid::chooseIter() {
   }
   // 1-2. Gradient magnitude of the grey crop.
   IplImage* grey = cvCreateImage(cvGetSize(m_cropSrcImage), IPL_DEPTH_8U, 1);
+  ZIRKReleaseOnExit releaseGrey(&grey);
   cvCvtColor(m_cropSrcImage, grey, CV_BGR2GRAY);
   cv::Mat greyF;
   cv::cvarrToMat(grey).convertTo(greyF, CV_32F);
@@ -260,8 +262,11 @@ void ZIRKSEHybrid::chooseIter() {
   cv::magnitude(gx, gy, magnitude);
 
   // 3-4. Edge scores of the first trial and of the final labels.
-  IplImage* contour = cvCloneImage(m_cropLabelImage);
-  IplImage* eroded = cvCloneImage(m_cropLabelImage);
+  IplImage* contour = nullptr;
+  IplImage* eroded = nullptr;
+  ZIRKReleaseOnExit releaseContour(&contour), releaseEroded(&eroded);
+  contour = cvCloneImage(m_cropLabelImage);
+  eroded = cvCloneImage(m_cropLabelImage);
   innerContour(m_labelHistory[0], contour, eroded);
   const float s0 = contourScore(contour, magnitude);
   innerContour(m_cropLabelImage, contour, eroded);

@@ -143,6 +143,7 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
     const uint8_t oldLabel = kind == kEditStrokeAdd ? kLabelObjectFixed : kLabelBackgroundFixed;
     const uint8_t newLabel = kind == kEditStrokeAdd ? kLabelObjectEst : kLabelBackgroundEst;
     IplImage* clone = cvCloneImage(marker);
+    ZIRKReleaseOnExit releaseClone(&clone);
     const int n = static_cast<int>(std::sqrt(static_cast<double>(w) * h) * kBrushRingFraction);
     cvDilate(clone, marker, nullptr, n);
     for (int y = 0; y < h; ++y) {
@@ -164,6 +165,7 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
     ZIRK_ReleaseImage(&ZIRKSEMarker::m_prevResult);
   }
   IplImage* label = cvCloneImage(marker);
+  ZIRKReleaseOnExit releaseLabel(&label);
   IplImage* prev = ZIRKSEMarker::m_prevResult;
   if (prev != nullptr) {
     // 4. Unmarked pixels keep the previous result as fixed labels; marked
@@ -380,6 +382,7 @@ IplImage* ZIRKSEHybrid::getObjMask() {
     return nullptr;
   }
   IplImage* mask = cvCreateImage(cvSize(m_width, m_height), IPL_DEPTH_8U, 1);
+  ZIRKReleaseOnExit releaseMask(&mask);
   cvSetZero(mask);
 
   // 3. The box labels go back into the label image; object pixels are
@@ -412,7 +415,7 @@ IplImage* ZIRKSEHybrid::getObjMask() {
     postProcess(mask);
   }
   ZIRKSEManageUndoRedo::updateBitPlane(mask);
-  return mask;
+  return releaseMask.keep();
 }
 
 void ZIRKSEHybrid::clearMemory() {

@@ -80,6 +80,7 @@ void ZIRKSEHybrid::postProcess(IplImage* mask) {
     return;
   }
   IplImage* merged = cvCloneImage(prev);
+  ZIRKReleaseOnExit releaseMerged(&merged);
   const uint8_t v = isAddingEdit(kind) ? kObject : kBackground;
   const float f = g_imageResizeFactor;
   const int row0 = static_cast<int>(f * static_cast<float>(ZIRKSEMarker::m_yMinBBox));
@@ -156,6 +157,7 @@ void ZIRKSEHybrid::postProcessForStroke(IplImage* mask) {
   constexpr uint8_t kFlipped = 127;
   constexpr uint8_t kKept = 255;
   IplImage* change = cvCreateImage(cvGetSize(mask), IPL_DEPTH_8U, 1);
+  ZIRKReleaseOnExit releaseChange(&change);
   cvSetZero(change);
   for (int r = 0; r < mask->height; ++r) {
     const uint8_t* m = reinterpret_cast<const uint8_t*>(mask->imageData) + r * mask->widthStep;
@@ -192,6 +194,7 @@ void ZIRKSEHybrid::removeBlackRegion() {
   // 1. The box of the working image.
   IplImage* crop = cropImage(ZIRKSEMarker::m_srcImage);
   if (crop == nullptr) return;
+  ZIRKReleaseOnExit releaseCrop(&crop);
   const int w = crop->width;
   const int h = crop->height;
   if (w < 1 || h < 1) {

@@ -89,8 +89,21 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   if (!sizesOk) return nullptr;
 
   // 2. Trimap: how many of the four morphologies cover each pixel.
-  IplImage* trimap = cvCreateImage(small, IPL_DEPTH_8U, 1);
-  IplImage* morph = cvCreateImage(small, IPL_DEPTH_8U, 1);
+  // Every work image is released however this ends (an allocation that
+  // fails throws).
+  IplImage* trimap = nullptr;
+  IplImage* morph = nullptr;
+  IplImage* labels = nullptr;
+  IplImage* bigTrimap = nullptr;
+  IplImage* bandTrimap = nullptr;
+  IplImage* bandColour = nullptr;
+  IplImage* bandHor = nullptr;
+  IplImage* bandVer = nullptr;
+  ZIRKReleaseOnExit releaseTrimap(&trimap), releaseMorph(&morph), releaseLabels(&labels),
+      releaseBigTrimap(&bigTrimap), releaseBandTrimap(&bandTrimap), releaseBandColour(&bandColour),
+      releaseBandHor(&bandHor), releaseBandVer(&bandVer);
+  trimap = cvCreateImage(small, IPL_DEPTH_8U, 1);
+  morph = cvCreateImage(small, IPL_DEPTH_8U, 1);
   cvSetZero(trimap);
   cvDilate(mask, morph, nullptr, 3);
   cvAdd(trimap, morph, trimap, nullptr);
@@ -117,10 +130,10 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   }
 
   // 4. Labels and trimap at full size (nearest).
-  IplImage* labels = cvCreateImage(full, IPL_DEPTH_8U, 1);
+  labels = cvCreateImage(full, IPL_DEPTH_8U, 1);
   cvSetZero(labels);
   cvResize(ZIRKSEMarker::m_labelImage, labels, CV_INTER_NN);
-  IplImage* bigTrimap = cvCreateImage(full, IPL_DEPTH_8U, 1);
+  bigTrimap = cvCreateImage(full, IPL_DEPTH_8U, 1);
   cvResize(trimap, bigTrimap, CV_INTER_NN);
   cvReleaseImage(&trimap);
 
@@ -163,18 +176,19 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   // 8. Crops of the band rectangle.
   const int bw = m_boundWidthTrimap;
   const int bh = m_boundHeightTrimap;
-  IplImage* bandTrimap = cropImageTrimap(bigTrimap, bw, bh, ymin, xmin);
-  IplImage* bandColour = cropImageTrimap(original, bw, bh, ymin, xmin);
-  IplImage* bandHor = nullptr;
-  IplImage* bandVer = nullptr;
+  bandTrimap = cropImageTrimap(bigTrimap, bw, bh, ymin, xmin);
+  bandColour = cropImageTrimap(original, bw, bh, ymin, xmin);
   int status = 0;
   if (ZIRKSEMarker::m_isGreyScale) {
     if (ZIRKSEMarker::m_texHor != nullptr && ZIRKSEMarker::m_texVer != nullptr) {
       checkSize(full, 1981);
-      IplImage* bigHor = cvCreateImage(full, IPL_DEPTH_8U, 1);
+      IplImage* bigHor = nullptr;
+      IplImage* bigVer = nullptr;
+      ZIRKReleaseOnExit releaseBigHor(&bigHor), releaseBigVer(&bigVer);
+      bigHor = cvCreateImage(full, IPL_DEPTH_8U, 1);
       cvResize(ZIRKSEMarker::m_texHor, bigHor, CV_INTER_NN);
       checkSize(full, 1982);
-      IplImage* bigVer = cvCreateImage(full, IPL_DEPTH_8U, 1);
+      bigVer = cvCreateImage(full, IPL_DEPTH_8U, 1);
       cvResize(ZIRKSEMarker::m_texVer, bigVer, CV_INTER_NN);
       bandHor = cropImageTrimap(bigHor, bw, bh, ymin, xmin);
       bandVer = cropImageTrimap(bigVer, bw, bh, ymin, xmin);

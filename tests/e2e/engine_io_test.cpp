@@ -1,11 +1,10 @@
 // The caller's functions on small synthetic images: the source and marker
-// conversions, the direct cut-out with its history, the life cycle and the
-// refusals of calls made in the wrong order.
+// conversions, the direct cut-out with its history and the life cycle. Calls
+// made wrongly are the robustness suite's.
 #include <android/log.h>
 
 #include <algorithm>
 #include <climits>
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -297,59 +296,6 @@ TEST_F(EngineTest, RepeatedTeardownAndEmptyReleasesAreHarmless) {
   EXPECT_EQ(storage, nullptr);
   EXPECT_FALSE(canUndo());
   EXPECT_FALSE(canRedo());
-}
-
-// Each call made out of order logs one "Error" line that names it and leaves
-// the caller's buffers alone.
-TEST_F(EngineTest, CallsInTheWrongOrderAreRefusedWithOneLogLine) {
-  const int w = 16, h = 12;
-  std::vector<unsigned int> src = e2e::randomArgb(w, h, 8);
-  std::vector<unsigned int> argb(src.size(), 0x55555555u);
-  std::vector<unsigned char> mask(src.size(), 66);
-  std::vector<int> marks(src.size(), 2);
-  std::vector<int> points = {1, 2, 3, 4};
-
-  struct Case {
-    const char* name;
-    bool withSource;  // a source image (and engine) exists
-    std::function<void()> call;
-  };
-  const std::vector<Case> cases = {
-      {"initSegmentationEngine", false, [] { initSegmentationEngine(0); }},
-      {"copySourceImage", false, [&] { copySourceImage(argb.data()); }},
-      {"setMarkerImage", false, [&] { setMarkerImage(w, h, marks.data(), 0); }},
-      {"setCurrentMarkerVector", false, [&] { setCurrentMarkerVector(4, points.data()); }},
-      {"processSegment", false, [&] { processSegment(0, 0, 0, argb.data(), mask.data()); }},
-      {"cutOutImage", true, [&] { cutOutImage(0, 0, 0, argb.data(), mask.data()); }},
-      {"undo", false, [&] { undo(argb.data(), mask.data()); }},
-      {"redo", false, [&] { redo(argb.data(), mask.data()); }},
-      {"setSourceImage", false, [&] { setSourceImage(w, h, nullptr); }},
-      {"copySourceImage", true, [] { copySourceImage(nullptr); }},
-      {"setMarkerImage", true, [&] { setMarkerImage(w, h, nullptr, 0); }},
-      {"setMarkerImage", true, [&] { setMarkerImage(w - 1, h, marks.data(), 0); }},
-      {"setCurrentMarkerVector", true, [] { setCurrentMarkerVector(6, nullptr); }},
-      {"processSegment", true, [&] { processSegment(0, 0, 0, nullptr, mask.data()); }},
-      {"processSegment", true, [&] { processSegment(0, 0, 0, argb.data(), nullptr); }},
-      {"undo", true, [&] { undo(nullptr, mask.data()); }},
-      {"redo", true, [&] { redo(argb.data(), nullptr); }},
-      {"doSegmentationBB", true, [&] { doSegmentationBB(w, h, src.data(), 1, 1, 5, 5, nullptr); }},
-      {"loadMaskImageInfo", true, [&] { loadMaskImageInfo(mask.data()); }},
-      {"loadBlendedImageInfo", true, [&] { loadBlendedImageInfo(argb.data()); }},
-  };
-  for (const Case& c : cases) {
-    deinitSegmentation();
-    if (c.withSource) {
-      setSourceImage(w, h, src.data());
-      initSegmentationEngine(0);
-    }
-    LogCapture log;
-    c.call();
-    ASSERT_EQ(log.lines().size(), 1u) << c.name << "\n" << log.dump();
-    EXPECT_EQ(log.lines()[0].priority, ANDROID_LOG_ERROR);
-    EXPECT_EQ(log.countPrefix("Error", c.name), 1) << log.dump();
-    EXPECT_EQ(argb, std::vector<unsigned int>(src.size(), 0x55555555u)) << c.name;
-    EXPECT_EQ(mask, std::vector<unsigned char>(src.size(), 66)) << c.name;
-  }
 }
 
 }  // namespace

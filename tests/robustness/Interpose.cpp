@@ -1,0 +1,66 @@
+#include "robustness/Interpose.h"
+
+#include <dlfcn.h>
+#include <sys/time.h>
+
+#include <opencv2/core.hpp>
+#include <opencv2/core/core_c.h>
+
+#include <atomic>
+#include <ctime>
+
+namespace {
+
+std::atomic<long> g_stepSeconds{0};
+std::atomic<long> g_offsetSeconds{0};
+std::atomic<void (*)()> g_hook{nullptr};
+std::atomic<int> g_failAt{0};
+std::atomic<int> g_calls{0};
+
+using CreateImageFn = IplImage* (*)(CvSize, int, int);
+
+CreateImageFn realCreateImage() {
+  static const CreateImageFn real =
+      reinterpret_cast<CreateImageFn>(dlsym(RTLD_NEXT, "cvCreateImage"));
+  return real;
+}
+
+}  // namespace
+
+extern "C" int gettimeofday(struct timeval* tv, void*) {
+  if (void (*hook)() = g_hook.exchange(nullptr)) hook();
+  const long offset = g_offsetSeconds.fetch_add(g_stepSeconds.load()) + g_stepSeconds.load();
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  tv->tv_sec = now.tv_sec + offset;
+  tv->tv_usec = now.tv_nsec / 1000;
+  return 0;
+}
+
+extern "C" IplImage* cvCreateImage(CvSize size, int depth, int channels) {
+  const int call = g_calls.fetch_add(1) + 1;
+  if (call == g_failAt.load()) {
+    cv::error(cv::Error::StsNoMem, "Failed to allocate (injected)", "cvCreateImage", __FILE__,
+              __LINE__);
+  }
+  return realCreateImage()(size, depth, channels);
+}
+
+namespace interpose {
+
+void setClockStep(long seconds) { g_stepSeconds = seconds; }
+void setClockHook(void (*hook)()) { g_hook = hook; }
+void failCreateImageAt(int n) {
+  g_calls = 0;
+  g_failAt = n;
+}
+int createImageCalls() { return g_calls.load(); }
+void reset() {
+  g_stepSeconds = 0;
+  g_offsetSeconds = 0;
+  g_hook = nullptr;
+  g_failAt = 0;
+  g_calls = 0;
+}
+
+}  // namespace interpose

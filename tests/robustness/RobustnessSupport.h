@@ -1,0 +1,104 @@
+// Shared pieces of the robustness suites: caller buffers with guard words,
+// a synthetic scene, and the fixture that leaves the process clean.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "engine/EngineState.h"
+#include "engine/SegmentationCore.h"
+#include "engine/ZIRKSEManageUndoRedo.h"
+#include "engine/ZIRKSEMarker.h"
+#include "robustness/Interpose.h"
+#include "support/ZIRKTimer.h"
+
+namespace robustness {
+
+// A caller buffer of n elements between two runs of guard words: the engine
+// may write the n elements and nothing else.
+template <typename T>
+class Guarded {
+ public:
+  static constexpr size_t kGuard = 64;
+
+  Guarded(size_t n, T fill, T guard) : m_words(n + 2 * kGuard, guard), m_n(n), m_guard(guard) {
+    for (size_t i = 0; i < n; ++i) m_words[kGuard + i] = fill;
+  }
+  T* data() { return m_words.data() + kGuard; }
+  size_t size() const { return m_n; }
+  std::vector<T> inner() const {
+    return std::vector<T>(m_words.begin() + kGuard, m_words.begin() + kGuard + m_n);
+  }
+  bool guardsIntact() const {
+    for (size_t i = 0; i < kGuard; ++i) {
+      if (m_words[i] != m_guard || m_words[kGuard + m_n + i] != m_guard) return false;
+    }
+    return true;
+  }
+  void fill(T value) {
+    for (size_t i = 0; i < m_n; ++i) m_words[kGuard + i] = value;
+  }
+
+ private:
+  std::vector<T> m_words;
+  size_t m_n;
+  T m_guard;
+};
+
+// A dark disc on a light, slightly noisy background (opaque ARGB).
+inline std::vector<unsigned int> discScene(int w, int h, unsigned seed = 5) {
+  std::mt19937 rng(seed);
+  std::vector<unsigned int> argb(static_cast<size_t>(w) * h);
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      const int dx = 2 * x - w, dy = 2 * y - h;
+      const bool inside = dx * dx + dy * dy < (w * w + h * h) / 8;
+      const unsigned base = inside ? 0x30 : 0xC8, noise = rng() & 0x0F;
+      argb[static_cast<size_t>(y) * w + x] =
+          0xFF000000u | ((base + noise) << 16) | ((base + noise / 2) << 8) | (base + (noise ^ 3));
+    }
+  }
+  return argb;
+}
+
+// Markers 4 inside the rectangle (corners inclusive), 0 elsewhere.
+inline std::vector<int> boxMarks(int w, int h, int x1, int y1, int x2, int y2, int label = 4) {
+  std::vector<int> marks(static_cast<size_t>(w) * h, 0);
+  for (int y = y1; y <= y2; ++y)
+    for (int x = x1; x <= x2; ++x) marks[static_cast<size_t>(y) * w + x] = label;
+  return marks;
+}
+
+// The positions of the history and its newest mask (empty without one).
+struct HistorySnapshot {
+  int32_t current, top, bottom;
+  std::vector<uint8_t> newest;
+
+  static HistorySnapshot take() {
+    HistorySnapshot s{ZIRKSEManageUndoRedo::m_current, ZIRKSEManageUndoRedo::m_top,
+                      ZIRKSEManageUndoRedo::m_bottom, {}};
+    if (IplImage* mask = ZIRKSEManageUndoRedo::prevMask()) {
+      for (int y = 0; y < mask->height; ++y)
+        for (int x = 0; x < mask->width; ++x) s.newest.push_back(CV_IMAGE_ELEM(mask, uint8_t, y, x));
+      cvReleaseImage(&mask);
+    }
+    return s;
+  }
+  bool operator==(const HistorySnapshot& o) const {
+    return current == o.current && top == o.top && bottom == o.bottom && newest == o.newest;
+  }
+};
+
+class RobustnessTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    interpose::reset();
+    deinitSegmentation();
+    resetSegmentationInterface();
+  }
+};
+
+}  // namespace robustness

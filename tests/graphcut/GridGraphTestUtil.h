@@ -28,15 +28,15 @@ struct Slot {
 
 // A grid graph as the caller builds it: terminal capacities per node and
 // four edge slots per node: left, up-left, up, up-right.
-struct GridSpec {
-  explicit GridSpec(int width = 0, int height = 0)
+struct GridGraph {
+  explicit GridGraph(int width = 0, int height = 0)
       : w(width), h(height), src(w * h), snk(w * h), e(4 * w * h) {}
   int w, h;
   std::vector<float> src, snk;
   std::vector<Slot> e;
   int nodes() const { return w * h; }
 };
-using ImageGraph = GridSpec;
+using ImageGraph = GridGraph;
 
 // Neighbour of node p through edge slot k (0 left, 1 up-left, 2 up, 3 up-right), or -1.
 inline int slotNeighbour(int w, int p, int k) {
@@ -47,8 +47,8 @@ inline int slotNeighbour(int w, int p, int k) {
 
 // Random grid graph. integral: small integer capacities, so every sum is
 // exact in float and the cut itself is determined.
-inline GridSpec randomSpec(std::mt19937& rng, int w, int h, bool integral) {
-  GridSpec s(w, h);
+inline GridGraph randomGrid(std::mt19937& rng, int w, int h, bool integral) {
+  GridGraph s(w, h);
   std::uniform_real_distribution<float> u(0.0f, 1.0f);
   auto value = [&](float scale) { return integral ? std::floor(u(rng) * scale) : u(rng) * scale; };
   for (int p = 0; p < w * h; ++p) {
@@ -67,7 +67,7 @@ inline GridSpec randomSpec(std::mt19937& rng, int w, int h, bool integral) {
 }
 
 // Fills a fresh graph from the description, in the order its contract asks.
-inline void fill(ZIRKSEGraph& g, const GridSpec& s) {
+inline void fill(ZIRKSEGraph& g, const GridGraph& s) {
   g.addNode(s.nodes());
   for (int p = 0; p < s.nodes(); ++p) g.addtWeights(p, s.src[p], s.snk[p]);
   for (int i = 0; i < 4 * s.nodes(); ++i) {
@@ -82,7 +82,7 @@ struct OracleResult {
 
 // Plain max-flow on an explicit arc list (shortest augmenting paths by
 // breadth-first search, in double precision); source and sink are nodes n, n+1.
-inline OracleResult solveWithOracle(const GridSpec& s) {
+inline OracleResult solveWithOracle(const GridGraph& s) {
   const int n = s.nodes(), src = n, snk = n + 1;
   std::vector<std::vector<int>> adj(n + 2);
   std::vector<int> to;
@@ -135,7 +135,7 @@ inline OracleResult solveWithOracle(const GridSpec& s) {
 }
 
 // Capacity of the cut whose sink side is given, in the original graph.
-inline double cutCapacity(const GridSpec& s, const std::vector<bool>& sinkSide) {
+inline double cutCapacity(const GridGraph& s, const std::vector<bool>& sinkSide) {
   double c = 0.0;
   for (int p = 0; p < s.nodes(); ++p) {
     c += sinkSide[p] ? s.src[p] : s.snk[p];
@@ -182,7 +182,8 @@ inline std::string checkTrees(const ZIRKSEGraph& g) {
   for (int p = 0; p < n; ++p) {
     const nodes& v = g.m_nodes[p];
     if (v.tree != SOURCE && v.tree != SINK) {
-      if (v.tree != FREE || v.parent != ORPHAN) why << "node " << p << " free with a parent or in no tree; ";
+      if (v.tree != FREE || v.parent != ORPHAN)
+        why << "node " << p << " free with a parent or in no tree; ";
       continue;
     }
     int cur = p;
@@ -193,14 +194,16 @@ inline std::string checkTrees(const ZIRKSEGraph& g) {
       if (steps > n || tail != cur || head < 0 || head >= n) {
         return why.str() + "chain of node " + std::to_string(p) + " cycles or leaves the grid";
       }
-      if (!((v.tree == SOURCE ? g.m_arcs[a ^ 1] : g.m_arcs[a]) > 0.0f)) why << "saturated parent arc at " << cur << "; ";
+      if (!((v.tree == SOURCE ? g.m_arcs[a ^ 1] : g.m_arcs[a]) > 0.0f))
+        why << "saturated parent arc at " << cur << "; ";
       if (g.m_nodes[head].tree != v.tree) why << "parent of node " << cur << " in another tree; ";
       cur = head;
     }
     const nodes& root = g.m_nodes[cur];
     if (root.parent == TERMINAL ? !(v.tree == SOURCE ? root.tr_cap > 0.0f : root.tr_cap < 0.0f)
                                 : !orphans.count(&root)) {
-      why << "chain of node " << p << " ends in node " << cur << ", no terminal root or queued orphan; ";
+      why << "chain of node " << p << " ends in node " << cur
+          << ", no terminal root or queued orphan; ";
     }
   }
   // A finished solve leaves no residual arc out of the source tree or into
@@ -211,7 +214,8 @@ inline std::string checkTrees(const ZIRKSEGraph& g) {
       for (int d = 0; q >= 0 && d < 2; ++d) {  // arc p -> q, then q -> p
         const int from = g.m_nodes[d ? q : p].tree, to = g.m_nodes[d ? p : q].tree;
         if (from != to && from != SINK && to != SOURCE && g.m_arcs[8 * p + 2 * k + d] > 0.0f) {
-          why << "residual arc " << 8 * p + 2 * k + d << " leaves the source tree or enters the sink tree; ";
+          why << "residual arc " << 8 * p + 2 * k + d
+              << " leaves the source tree or enters the sink tree; ";
         }
       }
     }
@@ -223,12 +227,15 @@ inline std::string checkTrees(const ZIRKSEGraph& g) {
 // the rectangle t-links are -log of the other region's colour histogram,
 // outside it the pixel is tied to the sink; edges weigh
 // 50 * exp(-beta |dI|^2) / distance.
-inline GridSpec imageGraph(const cv::Mat& bgr, cv::Rect rect) {
-  GridSpec g(bgr.cols, bgr.rows);
+inline GridGraph imageGraph(const cv::Mat& bgr, cv::Rect rect) {
+  GridGraph g(bgr.cols, bgr.rows);
   const int n = g.nodes();
   rect &= cv::Rect(0, 0, g.w, g.h);
   auto colour = [&](int p) { return cv::Vec3d(bgr.at<cv::Vec3b>(p / g.w, p % g.w)); };
-  auto bin = [&](int p) { const cv::Vec3d c = colour(p) / 32.0; return int(c[0]) * 64 + int(c[1]) * 8 + int(c[2]); };
+  auto bin = [&](int p) {
+    const cv::Vec3d c = colour(p) / 32.0;
+    return int(c[0]) * 64 + int(c[1]) * 8 + int(c[2]);
+  };
   auto inside = [&](int p) { return rect.contains(cv::Point(p % g.w, p / g.w)); };
   std::vector<double> hist[2] = {std::vector<double>(512, 1.0), std::vector<double>(512, 1.0)};
   for (int p = 0; p < n; ++p) hist[inside(p)][bin(p)] += 1.0;  // Laplace-smoothed counts
@@ -251,14 +258,15 @@ inline GridSpec imageGraph(const cv::Mat& bgr, cv::Rect rect) {
   const double beta = sum > 0.0 ? count / (2.0 * sum) : 0.0;
   for (int i = 0; i < 4 * n; ++i) {
     if (d2[i] < 0.0) continue;
-    const float c = static_cast<float>(50.0 * std::exp(-beta * d2[i]) / (i % 2 == 1 ? std::sqrt(2.0) : 1.0));
+    const float c =
+        static_cast<float>(50.0 * std::exp(-beta * d2[i]) / (i % 2 == 1 ? std::sqrt(2.0) : 1.0));
     g.e[i] = Slot{c, c, false};
   }
   return g;
 }
 
 // The photo resized to w x h with its rectangle scaled along.
-inline GridSpec photoGraph(const cv::Mat& bgr, int x1, int y1, int x2, int y2, int w, int h) {
+inline GridGraph photoGraph(const cv::Mat& bgr, int x1, int y1, int x2, int y2, int w, int h) {
   cv::Mat small;
   cv::resize(bgr, small, cv::Size(w, h), 0, 0, cv::INTER_AREA);
   const double sx = double(w) / bgr.cols, sy = double(h) / bgr.rows;

@@ -1,91 +1,72 @@
-// Reference computations for the colour-model tests, written independently of
-// the code under test: determinant and inverse by Gauss-Jordan elimination
-// with partial pivoting, and the unscaled Gaussian density from them.
+// Reference computations for the colour-model tests, independent of the code
+// under test: densities through OpenCV's Cholesky solve and determinant,
+// moments of labelled samples by direct sums, random test data.
 #pragma once
+
+#include <opencv2/core.hpp>
 
 #include <cmath>
 #include <random>
-#include <utility>
+#include <vector>
 
 #include "colormodel/ZIRKSEColorModel.h"
 
 namespace oracle {
 
-struct Mat3 {
-  double a[3][3];
-};
-
-// Determinant and inverse together; returns false for a singular matrix.
-inline bool invert(const Mat3& m, Mat3* inverse, double* det) {
-  double w[3][6];
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 6; ++j) w[i][j] = j < 3 ? m.a[i][j] : (j - 3 == i ? 1.0 : 0.0);
-  double d = 1.0;
-  for (int col = 0; col < 3; ++col) {
-    int pivot = col;
-    for (int r = col + 1; r < 3; ++r)
-      if (std::fabs(w[r][col]) > std::fabs(w[pivot][col])) pivot = r;
-    if (w[pivot][col] == 0.0) return false;
-    if (pivot != col) {
-      for (int j = 0; j < 6; ++j) std::swap(w[pivot][j], w[col][j]);
-      d = -d;
-    }
-    const double p = w[col][col];
-    d *= p;
-    for (int j = 0; j < 6; ++j) w[col][j] /= p;
-    for (int r = 0; r < 3; ++r) {
-      if (r == col) continue;
-      const double f = w[r][col];
-      for (int j = 0; j < 6; ++j) w[r][j] -= f * w[col][j];
-    }
-  }
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) inverse->a[i][j] = w[i][j + 3];
-  *det = d;
-  return true;
-}
-
-inline Mat3 fromRowMajor(const double* c) {
-  Mat3 m;
-  for (int i = 0; i < 9; ++i) m.a[i / 3][i % 3] = c[i];
-  return m;
-}
+inline cv::Vec3d vec(const pixelVal& x) { return cv::Vec3d(x.c0, x.c1, x.c2); }
+inline pixelVal pixel(const cv::Vec3d& v) { return pixelVal{v[0], v[1], v[2]}; }
 
 // exp(-0.5 (x-mu)^T S^-1 (x-mu)) / sqrt(det S), without (2 pi)^(-3/2).
-inline double density(const double mean[3], const Mat3& cov, const pixelVal& x) {
-  Mat3 inv;
-  double det = 0;
-  if (!invert(cov, &inv, &det)) return 0.0;
-  const double d[3] = {x.c0 - mean[0], x.c1 - mean[1], x.c2 - mean[2]};
-  double q = 0;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) q += d[i] * inv.a[i][j] * d[j];
-  return std::exp(-0.5 * q) / std::sqrt(det);
+inline double density(const double* mean, const double* cov, const pixelVal& x) {
+  const cv::Matx33d s(cov);
+  const cv::Vec3d d = vec(x) - cv::Vec3d(mean);
+  return std::exp(-0.5 * d.dot(s.solve(d, cv::DECOMP_CHOLESKY))) / std::sqrt(cv::determinant(s));
 }
 
-// Random symmetric positive-definite matrix: A A^T + s I, entries of A in
-// [-scale, scale].
-inline Mat3 randomSpd(std::mt19937& rng, double scale, double s) {
-  std::uniform_real_distribution<double> u(-scale, scale);
-  double a[3][3];
-  for (auto& row : a)
-    for (double& v : row) v = u(rng);
-  Mat3 m;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) {
-      double sum = 0;
-      for (int k = 0; k < 3; ++k) sum += a[i][k] * a[j][k];
-      m.a[i][j] = sum + (i == j ? s : 0.0);
-    }
-  return m;
-}
-
-// Samples of one Gaussian blob with a diagonal spread.
-inline void blob(std::mt19937& rng, const double mean[3], double sd, int count,
+// Appends samples of one Gaussian blob with a diagonal spread.
+inline void blob(std::mt19937& rng, const double* mean, double sd, int count,
                  std::vector<pixelVal>* out) {
   std::normal_distribution<double> g(0.0, sd);
   for (int i = 0; i < count; ++i)
     out->push_back(pixelVal{mean[0] + g(rng), mean[1] + g(rng), mean[2] + g(rng)});
+}
+
+// Five separated blobs of different sizes and spreads, with their membership.
+inline void fiveBlobs(unsigned seed, std::vector<pixelVal>* samples, std::vector<int>* member) {
+  std::mt19937 rng(seed);
+  const double means[5][3] = {
+      {20, 30, 40}, {220, 40, 30}, {40, 210, 60}, {50, 60, 220}, {210, 200, 190}};
+  const int sizes[5] = {300, 120, 200, 80, 250};
+  for (int k = 0; k < 5; ++k) {
+    blob(rng, means[k], 3.0 + k, sizes[k], samples);
+    member->resize(samples->size(), k);
+  }
+}
+
+// Share, mean and covariance of the samples weighted by w (0/1 weights:
+// the population moments of the chosen samples).
+struct Moments {
+  double weight = 0.0;
+  cv::Vec3d mean;
+  cv::Matx33d cov;
+};
+inline Moments moments(const std::vector<pixelVal>& s, const std::vector<double>& w) {
+  Moments m;
+  double total = 0;
+  for (size_t i = 0; i < s.size(); ++i) {
+    total += w[i];
+    m.mean += w[i] * vec(s[i]);
+  }
+  m.mean /= total;
+  for (size_t i = 0; i < s.size(); ++i)
+    m.cov += w[i] / total * (vec(s[i]) - m.mean) * (vec(s[i]) - m.mean).t();
+  m.weight = total / s.size();
+  return m;
+}
+inline Moments moments(const std::vector<pixelVal>& s, const std::vector<int>& labels, int k) {
+  std::vector<double> w;
+  for (int label : labels) w.push_back(label == k ? 1.0 : 0.0);
+  return moments(s, w);
 }
 
 }  // namespace oracle

@@ -1,6 +1,6 @@
 // Helpers for the grid-graph tests and the max-flow benchmark: an explicit
-// description of a grid graph, a plain max-flow oracle over an edge list, cut
-// evaluation, a search-tree consistency check, and graphs built from photos.
+// grid graph, a plain max-flow oracle, cut evaluation, a search-tree
+// consistency check, and graphs built from photos.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <limits>
 #include <queue>
 #include <random>
@@ -21,209 +20,129 @@
 
 namespace gridtest {
 
-// A grid graph as the caller builds it: per node its terminal capacities
-// (possibly given in two addtWeights calls) and the four edge slots left,
-// up-left, up, up-right with the capacity towards the neighbour and back.
-struct GridSpec {
-  int w = 0, h = 0;
-  std::vector<float> src1, snk1, src2, snk2;  // two addtWeights calls per node
-  std::vector<bool> twoCalls;
-  std::vector<float> cap, rev;  // 4 per node
-  std::vector<bool> absent;     // 4 per node (always true outside the grid)
-
-  int nodes() const { return w * h; }
-  float source(int p) const { return src1[p] + (twoCalls[p] ? src2[p] : 0.0f); }
-  float sink(int p) const { return snk1[p] + (twoCalls[p] ? snk2[p] : 0.0f); }
+// One edge slot of a node: capacity towards the neighbour and back.
+struct Slot {
+  float cap = 0.0f, rev = 0.0f;
+  bool absent = true;
 };
 
+// A grid graph as the caller builds it: terminal capacities per node and
+// four edge slots per node: left, up-left, up, up-right.
+struct GridGraph {
+  explicit GridGraph(int width = 0, int height = 0)
+      : w(width), h(height), src(w * h), snk(w * h), e(4 * w * h) {}
+  int w, h;
+  std::vector<float> src, snk;
+  std::vector<Slot> e;
+  int nodes() const { return w * h; }
+};
+using ImageGraph = GridGraph;
+
 // Neighbour of node p through edge slot k (0 left, 1 up-left, 2 up, 3 up-right), or -1.
-inline int slotNeighbour(int w, int h, int p, int k) {
-  const int x = p % w, y = p / w;
-  (void)h;
-  switch (k) {
-    case 0: return x > 0 ? p - 1 : -1;
-    case 1: return (x > 0 && y > 0) ? p - w - 1 : -1;
-    case 2: return y > 0 ? p - w : -1;
-    default: return (y > 0 && x < w - 1) ? p - w + 1 : -1;
-  }
+inline int slotNeighbour(int w, int p, int k) {
+  static const int kDx[4] = {-1, -1, 0, 1}, kDy[4] = {0, -1, -1, -1};
+  const int x = p % w + kDx[k], y = p / w + kDy[k];
+  return x >= 0 && x < w && y >= 0 ? y * w + x : -1;
 }
 
-// Random grid graph. integral: capacities are small integers (every sum is
-// exact in float, so the cut is determined exactly).
-inline GridSpec randomSpec(std::mt19937& rng, int w, int h, bool integral) {
-  GridSpec s;
-  s.w = w;
-  s.h = h;
-  const int n = w * h;
-  std::uniform_real_distribution<float> u01(0.0f, 1.0f);
-  auto value = [&](float scale) {
-    return integral ? static_cast<float>(static_cast<int>(u01(rng) * scale)) : u01(rng) * scale;
-  };
-  s.src1.resize(n);
-  s.snk1.resize(n);
-  s.src2.resize(n);
-  s.snk2.resize(n);
-  s.twoCalls.resize(n);
-  s.cap.resize(4 * n);
-  s.rev.resize(4 * n);
-  s.absent.resize(4 * n);
-  for (int p = 0; p < n; ++p) {
-    const float r = u01(rng);
-    // About a third of the nodes hang from the source, a third from the sink,
-    // the rest are free or carry both links.
-    s.src1[p] = r < 0.33f ? value(12.0f) : (r < 0.5f ? value(6.0f) : 0.0f);
-    s.snk1[p] = (r > 0.66f) ? value(12.0f) : (r > 0.4f && r < 0.5f ? value(6.0f) : 0.0f);
-    s.twoCalls[p] = u01(rng) < 0.15f;
-    s.src2[p] = u01(rng) < 0.5f ? value(5.0f) : 0.0f;
-    s.snk2[p] = u01(rng) < 0.5f ? value(5.0f) : 0.0f;
-    for (int k = 0; k < 4; ++k) {
-      const int q = slotNeighbour(w, h, p, k);
-      const float r2 = u01(rng);
-      s.absent[4 * p + k] = q < 0 || r2 < 0.1f;
-      s.cap[4 * p + k] = r2 < 0.2f ? 0.0f : value(8.0f);
-      s.rev[4 * p + k] = u01(rng) < 0.1f ? 0.0f : value(8.0f);
+// Random grid graph. integral: small integer capacities, so every sum is
+// exact in float and the cut itself is determined.
+inline GridGraph randomGrid(std::mt19937& rng, int w, int h, bool integral) {
+  GridGraph s(w, h);
+  std::uniform_real_distribution<float> u(0.0f, 1.0f);
+  auto value = [&](float scale) { return integral ? std::floor(u(rng) * scale) : u(rng) * scale; };
+  for (int p = 0; p < w * h; ++p) {
+    // A third of the nodes hang from the source, a third from the sink, the
+    // rest are free or carry both links.
+    const float r = u(rng);
+    s.src[p] = r < 0.33f ? value(12.0f) : (r < 0.5f ? value(6.0f) : 0.0f);
+    s.snk[p] = r > 0.66f ? value(12.0f) : (r > 0.4f && r < 0.5f ? value(6.0f) : 0.0f);
+    for (int k = 0; k < 4; ++k) {  // a tenth absent, a tenth of each direction at 0
+      const float r2 = u(rng);
+      s.e[4 * p + k] = Slot{r2 < 0.2f ? 0.0f : value(8.0f), u(rng) < 0.1f ? 0.0f : value(8.0f),
+                            slotNeighbour(w, p, k) < 0 || r2 < 0.1f};
     }
   }
   return s;
 }
 
 // Fills a fresh graph from the description, in the order its contract asks.
-inline void fill(ZIRKSEGraph& g, const GridSpec& s) {
+inline void fill(ZIRKSEGraph& g, const GridGraph& s) {
   g.addNode(s.nodes());
-  for (int p = 0; p < s.nodes(); ++p) {
-    g.addtWeights(p, s.src1[p], s.snk1[p]);
-    if (s.twoCalls[p]) g.addtWeights(p, s.src2[p], s.snk2[p]);
-  }
-  for (int p = 0; p < s.nodes(); ++p) {
-    for (int k = 0; k < 4; ++k) {
-      const int q = slotNeighbour(s.w, s.h, p, k);
-      g.addEdge(p, q, s.cap[4 * p + k], s.rev[4 * p + k], s.absent[4 * p + k]);
-    }
+  for (int p = 0; p < s.nodes(); ++p) g.addtWeights(p, s.src[p], s.snk[p]);
+  for (int i = 0; i < 4 * s.nodes(); ++i) {
+    g.addEdge(i / 4, slotNeighbour(s.w, i / 4, i % 4), s.e[i].cap, s.e[i].rev, s.e[i].absent);
   }
 }
 
-// Plain max-flow on an explicit edge list: shortest augmenting paths found
-// by breadth-first search, pushed in phases over the level graph (Dinic), in
-// double precision.
-class FlowOracle {
- public:
-  explicit FlowOracle(int n) : m_adj(n) {}
-  void addArc(int u, int v, double c) {
-    m_adj[u].push_back(static_cast<int>(m_to.size()));
-    m_to.push_back(v);
-    m_res.push_back(c);
-    m_adj[v].push_back(static_cast<int>(m_to.size()));
-    m_to.push_back(u);
-    m_res.push_back(0.0);
-  }
-  double maxFlow(int s, int t) {
-    double total = 0.0;
-    while (levels(s, t)) {
-      m_it.assign(m_adj.size(), 0);
-      for (;;) {
-        const double f = push(s, t, std::numeric_limits<double>::infinity());
-        if (f <= 0.0) break;
-        total += f;
-      }
-    }
-    return total;
-  }
-  // Nodes that can still reach t through arcs with residual capacity.
-  std::vector<bool> reachesSink(int t) const {
-    std::vector<bool> seen(m_adj.size(), false);
-    std::vector<int> stack{t};
-    seen[t] = true;
-    while (!stack.empty()) {
-      const int v = stack.back();
-      stack.pop_back();
-      for (int e : m_adj[v]) {
-        // e leaves v; its partner (e ^ 1) enters v from m_to[e].
-        const int u = m_to[e];
-        if (!seen[u] && m_res[e ^ 1] > kEps) {
-          seen[u] = true;
-          stack.push_back(u);
-        }
-      }
-    }
-    return seen;
-  }
-
- private:
-  static constexpr double kEps = 1e-9;
-  bool levels(int s, int t) {
-    m_level.assign(m_adj.size(), -1);
-    std::queue<int> q;
-    m_level[s] = 0;
-    q.push(s);
-    while (!q.empty()) {
-      const int v = q.front();
-      q.pop();
-      for (int e : m_adj[v]) {
-        if (m_res[e] > kEps && m_level[m_to[e]] < 0) {
-          m_level[m_to[e]] = m_level[v] + 1;
-          q.push(m_to[e]);
-        }
-      }
-    }
-    return m_level[t] >= 0;
-  }
-  double push(int v, int t, double f) {
-    if (v == t) return f;
-    for (size_t& i = m_it[v]; i < m_adj[v].size(); ++i) {
-      const int e = m_adj[v][i];
-      const int u = m_to[e];
-      if (m_res[e] <= kEps || m_level[u] != m_level[v] + 1) continue;
-      const double d = push(u, t, std::min(f, m_res[e]));
-      if (d > 0.0) {
-        m_res[e] -= d;
-        m_res[e ^ 1] += d;
-        return d;
-      }
-    }
-    return 0.0;
-  }
-  std::vector<std::vector<int>> m_adj;
-  std::vector<int> m_to;
-  std::vector<double> m_res;
-  std::vector<int> m_level;
-  std::vector<size_t> m_it;
-};
-
 struct OracleResult {
   double flow = 0.0;
-  std::vector<bool> sinkSide;  // per grid node: can reach the sink in the residual graph
+  std::vector<bool> sinkSide;  // per grid node: can still reach the sink in the residual graph
 };
 
-inline OracleResult solveWithOracle(const GridSpec& s) {
+// Plain max-flow on an explicit arc list (shortest augmenting paths by
+// breadth-first search, in double precision); source and sink are nodes n, n+1.
+inline OracleResult solveWithOracle(const GridGraph& s) {
   const int n = s.nodes(), src = n, snk = n + 1;
-  FlowOracle o(n + 2);
+  std::vector<std::vector<int>> adj(n + 2);
+  std::vector<int> to;
+  std::vector<double> res;
+  // Arc e from u to v and its partner e ^ 1 back, with their capacities.
+  auto arc = [&](int u, int v, double there, double back) {
+    for (int i = 0; i < 2; ++i) {
+      adj[i ? v : u].push_back(static_cast<int>(to.size()));
+      to.push_back(i ? u : v);
+      res.push_back(i ? back : there);
+    }
+  };
   for (int p = 0; p < n; ++p) {
-    if (s.source(p) > 0.0f) o.addArc(src, p, s.source(p));
-    if (s.sink(p) > 0.0f) o.addArc(p, snk, s.sink(p));
+    arc(src, p, s.src[p], 0.0);
+    arc(p, snk, s.snk[p], 0.0);
     for (int k = 0; k < 4; ++k) {
-      if (s.absent[4 * p + k]) continue;
-      const int q = slotNeighbour(s.w, s.h, p, k);
-      o.addArc(p, q, s.cap[4 * p + k]);
-      o.addArc(q, p, s.rev[4 * p + k]);
+      const Slot& e = s.e[4 * p + k];
+      if (!e.absent) arc(p, slotNeighbour(s.w, p, k), e.cap, e.rev);
     }
   }
+  // Breadth-first search; backward follows arcs into the reached nodes.
+  std::vector<int> via;
+  auto search = [&](int from, bool backward) {
+    via.assign(n + 2, -1);
+    via[from] = -2;
+    std::queue<int> q;
+    for (q.push(from); !q.empty(); q.pop()) {
+      for (int e : adj[q.front()]) {
+        if (via[to[e]] == -1 && res[backward ? e ^ 1 : e] > 1e-9) {
+          via[to[e]] = e;
+          q.push(to[e]);
+        }
+      }
+    }
+    return via[snk] != -1;
+  };
   OracleResult r;
-  r.flow = o.maxFlow(src, snk);
-  std::vector<bool> reach = o.reachesSink(snk);
-  r.sinkSide.assign(reach.begin(), reach.begin() + n);
+  while (search(src, false)) {
+    double f = std::numeric_limits<double>::infinity();
+    for (int v = snk; v != src; v = to[via[v] ^ 1]) f = std::min(f, res[via[v]]);
+    for (int v = snk; v != src; v = to[via[v] ^ 1]) {
+      res[via[v]] -= f;
+      res[via[v] ^ 1] += f;
+    }
+    r.flow += f;
+  }
+  search(snk, true);
+  for (int p = 0; p < n; ++p) r.sinkSide.push_back(via[p] != -1);
   return r;
 }
 
 // Capacity of the cut whose sink side is given, in the original graph.
-inline double cutCapacity(const GridSpec& s, const std::vector<bool>& sinkSide) {
+inline double cutCapacity(const GridGraph& s, const std::vector<bool>& sinkSide) {
   double c = 0.0;
   for (int p = 0; p < s.nodes(); ++p) {
-    c += sinkSide[p] ? s.source(p) : s.sink(p);
+    c += sinkSide[p] ? s.src[p] : s.snk[p];
     for (int k = 0; k < 4; ++k) {
-      if (s.absent[4 * p + k]) continue;
-      const int q = slotNeighbour(s.w, s.h, p, k);
-      if (!sinkSide[p] && sinkSide[q]) c += s.cap[4 * p + k];
-      if (sinkSide[p] && !sinkSide[q]) c += s.rev[4 * p + k];
+      const Slot& e = s.e[4 * p + k];
+      const int q = slotNeighbour(s.w, p, k);
+      if (!e.absent && sinkSide[p] != sinkSide[q]) c += sinkSide[q] ? e.cap : e.rev;
     }
   }
   return c;
@@ -238,211 +157,122 @@ inline std::vector<bool> sinkSideOf(ZIRKSEGraph& g, int n) {
 // Tail and head of an arc, read from the slot table (independent of the
 // graph's offset arithmetic): even slots leave node p, odd slots enter it.
 inline void arcEnds(int w, int arc, int* tail, int* head) {
-  static const int kDx[4] = {-1, -1, 0, 1};
-  static const int kDy[4] = {0, -1, -1, -1};
-  const int p = arc / 8, k = arc % 8;
-  const int q = p + kDy[k / 2] * w + kDx[k / 2];
-  *tail = (k % 2 == 0) ? p : q;
-  *head = (k % 2 == 0) ? q : p;
+  const int p = arc / 8, q = slotNeighbour(w, p, arc % 8 / 2);
+  *tail = arc % 2 == 0 ? p : q;
+  *head = arc % 2 == 0 ? q : p;
 }
 
 // Invariants of the search trees after a solve: a tree node's parent arc
-// leaves it, has residual capacity in the tree's direction and leads to a
-// node of the same tree; chains end at a terminal root of the right sign;
-// free nodes have no parent; parentless tree nodes are queued orphans; both
-// queues are well formed and hold no node twice. Empty string when all hold.
+// leaves it, has residual capacity in the tree's direction and leads into
+// the same tree; chains end at a terminal root of the right sign or at a
+// queued orphan; free nodes have no parent; both queues end at their tail
+// and hold no node twice. Empty string when all hold.
 inline std::string checkTrees(const ZIRKSEGraph& g) {
   std::ostringstream why;
-  const int w = g.m_width, n = g.m_width * g.m_height;
-  auto queueNodes = [&](nodes* first, nodes* last, bool orphanQueue, const char* name) {
+  const int n = g.m_width * g.m_height;
+  auto walk = [&](const nodes* v, const nodes* last, nodes* nodes::*link) {
     std::set<const nodes*> seen;
-    const nodes* v = first;
     const nodes* prev = nullptr;
-    while (v != nullptr) {
-      if (!seen.insert(v).second) {
-        why << name << " queue holds node " << (v - g.m_nodes) << " twice; ";
-        break;
-      }
-      const nodes* nx = orphanQueue ? v->nextOrphan : v->next;
-      prev = v;
-      if (nx == v) break;
-      v = nx;
-      if (static_cast<int>(seen.size()) > n) break;
-    }
-    if (prev != last) why << name << " queue tail mismatch; ";
+    for (; v != nullptr && v != prev && seen.insert(v).second; v = v->*link) prev = v;
+    if (v != prev || prev != last) why << "queue with a repeated node or a wrong tail; ";
     return seen;
   };
-  const std::set<const nodes*> orphans =
-      queueNodes(g.m_orphanFirst, g.m_orphanLast, true, "orphan");
-  queueNodes(g.m_activeFirst, g.m_activeLast, false, "active");
+  const std::set<const nodes*> orphans = walk(g.m_orphanFirst, g.m_orphanLast, &nodes::nextOrphan);
+  walk(g.m_activeFirst, g.m_activeLast, &nodes::next);
   for (int p = 0; p < n; ++p) {
     const nodes& v = g.m_nodes[p];
-    if (v.tree == FREE) {
-      if (v.parent != ORPHAN) why << "free node " << p << " has a parent; ";
-      continue;
-    }
     if (v.tree != SOURCE && v.tree != SINK) {
-      why << "node " << p << " has tree " << v.tree << "; ";
+      if (v.tree != FREE || v.parent != ORPHAN)
+        why << "node " << p << " free with a parent or in no tree; ";
       continue;
     }
-    if (v.parent == ORPHAN) {
-      if (!orphans.count(&v)) why << "tree node " << p << " has no parent and is not queued; ";
-      continue;
-    }
-    // Walk to the root.
-    int cur = p, steps = 0;
-    while (g.m_nodes[cur].parent >= 0 && steps <= n) {
+    int cur = p;
+    for (int steps = 0; g.m_nodes[cur].parent >= 0; ++steps) {
       const int a = g.m_nodes[cur].parent;
       int tail = 0, head = 0;
-      arcEnds(w, a, &tail, &head);
-      if (tail != cur) {
-        why << "parent arc " << a << " of node " << cur << " does not leave it; ";
-        return why.str();
+      arcEnds(g.m_width, a, &tail, &head);
+      if (steps > n || tail != cur || head < 0 || head >= n) {
+        return why.str() + "chain of node " + std::to_string(p) + " cycles or leaves the grid";
       }
-      const float residual = v.tree == SOURCE ? g.m_arcs[a ^ 1] : g.m_arcs[a];
-      if (!(residual > 0.0f)) why << "parent arc of node " << cur << " is saturated; ";
+      if (!((v.tree == SOURCE ? g.m_arcs[a ^ 1] : g.m_arcs[a]) > 0.0f))
+        why << "saturated parent arc at " << cur << "; ";
       if (g.m_nodes[head].tree != v.tree) why << "parent of node " << cur << " in another tree; ";
       cur = head;
-      ++steps;
-    }
-    if (steps > n) {
-      why << "parent chain of node " << p << " cycles; ";
-      return why.str();
     }
     const nodes& root = g.m_nodes[cur];
-    if (root.parent == TERMINAL) {
-      if (v.tree == SOURCE && !(root.tr_cap > 0.0f)) why << "source root " << cur << " has no capacity; ";
-      if (v.tree == SINK && !(root.tr_cap < 0.0f)) why << "sink root " << cur << " has no capacity; ";
-    } else if (!orphans.count(&root)) {
-      why << "chain of node " << p << " ends in unqueued node " << cur << "; ";
+    if (root.parent == TERMINAL ? !(v.tree == SOURCE ? root.tr_cap > 0.0f : root.tr_cap < 0.0f)
+                                : !orphans.count(&root)) {
+      why << "chain of node " << p << " ends in node " << cur
+          << ", no terminal root or queued orphan; ";
+    }
+  }
+  // A finished solve leaves no residual arc out of the source tree or into
+  // the sink tree: both trees have grown as far as they can.
+  for (int p = 0; g.m_activeFirst == nullptr && p < n; ++p) {
+    for (int k = 0; k < 4; ++k) {
+      const int q = slotNeighbour(g.m_width, p, k);
+      for (int d = 0; q >= 0 && d < 2; ++d) {  // arc p -> q, then q -> p
+        const int from = g.m_nodes[d ? q : p].tree, to = g.m_nodes[d ? p : q].tree;
+        if (from != to && from != SINK && to != SOURCE && g.m_arcs[8 * p + 2 * k + d] > 0.0f) {
+          why << "residual arc " << 8 * p + 2 * k + d
+              << " leaves the source tree or enters the sink tree; ";
+        }
+      }
     }
   }
   return why.str();
 }
 
-// ---- Graphs from photos: t-links from colour histograms, n-links from contrast.
-
-// Terminal and edge capacities of an 8-connected image graph, as the
-// segmentation builds them in spirit: inside the rectangle t-links are
-// -log of the other region's colour histogram, outside it the pixel is fixed
-// to the sink; edges weigh 50 * exp(-beta |dI|^2) / distance.
-struct ImageGraph {
-  int w = 0, h = 0;
-  std::vector<float> source, sink;  // per node
-  std::vector<float> edge;          // 4 per node; negative = absent
-};
-
-inline ImageGraph imageGraph(const cv::Mat& bgr, cv::Rect rect) {
-  ImageGraph g;
-  g.w = bgr.cols;
-  g.h = bgr.rows;
-  const int n = g.w * g.h;
+// ---- Graphs from photos, built as the segmentation does in spirit: inside
+// the rectangle t-links are -log of the other region's colour histogram,
+// outside it the pixel is tied to the sink; edges weigh
+// 50 * exp(-beta |dI|^2) / distance.
+inline GridGraph imageGraph(const cv::Mat& bgr, cv::Rect rect) {
+  GridGraph g(bgr.cols, bgr.rows);
+  const int n = g.nodes();
   rect &= cv::Rect(0, 0, g.w, g.h);
-  auto bin = [](const cv::Vec3b& c) { return (c[0] >> 5) * 64 + (c[1] >> 5) * 8 + (c[2] >> 5); };
-  std::vector<double> fg(512, 1.0), bg(512, 1.0);  // Laplace-smoothed counts
-  for (int y = 0; y < g.h; ++y) {
-    for (int x = 0; x < g.w; ++x) {
-      (rect.contains(cv::Point(x, y)) ? fg : bg)[bin(bgr.at<cv::Vec3b>(y, x))] += 1.0;
-    }
-  }
-  double fgSum = 0.0, bgSum = 0.0;
-  for (int i = 0; i < 512; ++i) {
-    fgSum += fg[i];
-    bgSum += bg[i];
-  }
-  g.source.resize(n);
-  g.sink.resize(n);
-  for (int y = 0; y < g.h; ++y) {
-    for (int x = 0; x < g.w; ++x) {
-      const int p = y * g.w + x;
-      if (!rect.contains(cv::Point(x, y))) {
-        g.source[p] = 0.0f;
-        g.sink[p] = 1000.0f;
-        continue;
-      }
-      const int b = bin(bgr.at<cv::Vec3b>(y, x));
-      g.source[p] = static_cast<float>(-std::log(bg[b] / bgSum));
-      g.sink[p] = static_cast<float>(-std::log(fg[b] / fgSum));
-    }
-  }
-  static const int kDx[4] = {-1, -1, 0, 1};
-  static const int kDy[4] = {0, -1, -1, -1};
-  auto diff2 = [&](int x, int y, int k) {
-    const cv::Vec3b a = bgr.at<cv::Vec3b>(y, x), b = bgr.at<cv::Vec3b>(y + kDy[k], x + kDx[k]);
-    double d = 0.0;
-    for (int c = 0; c < 3; ++c) d += (double(a[c]) - b[c]) * (double(a[c]) - b[c]);
-    return d;
+  auto colour = [&](int p) { return cv::Vec3d(bgr.at<cv::Vec3b>(p / g.w, p % g.w)); };
+  auto bin = [&](int p) {
+    const cv::Vec3d c = colour(p) / 32.0;
+    return int(c[0]) * 64 + int(c[1]) * 8 + int(c[2]);
   };
-  auto inside = [&](int x, int y, int k) {
-    const int qx = x + kDx[k], qy = y + kDy[k];
-    return qx >= 0 && qx < g.w && qy >= 0 && qy < g.h;
-  };
-  double sum = 0.0;
-  long count = 0;
-  for (int y = 0; y < g.h; ++y) {
-    for (int x = 0; x < g.w; ++x) {
-      for (int k = 0; k < 4; ++k) {
-        if (!inside(x, y, k)) continue;
-        sum += diff2(x, y, k);
-        ++count;
-      }
+  auto inside = [&](int p) { return rect.contains(cv::Point(p % g.w, p / g.w)); };
+  std::vector<double> hist[2] = {std::vector<double>(512, 1.0), std::vector<double>(512, 1.0)};
+  for (int p = 0; p < n; ++p) hist[inside(p)][bin(p)] += 1.0;  // Laplace-smoothed counts
+  const double total[2] = {512.0 + n - rect.area(), 512.0 + rect.area()};
+  for (int p = 0; p < n; ++p) {
+    g.src[p] = inside(p) ? static_cast<float>(-std::log(hist[0][bin(p)] / total[0])) : 0.0f;
+    g.snk[p] = inside(p) ? static_cast<float>(-std::log(hist[1][bin(p)] / total[1])) : 1000.0f;
+  }
+  std::vector<double> d2(4 * n, -1.0);
+  double sum = 0.0, count = 0.0;
+  for (int p = 0; p < n; ++p) {
+    for (int k = 0; k < 4; ++k) {
+      const int q = slotNeighbour(g.w, p, k);
+      if (q < 0) continue;
+      const cv::Vec3d d = colour(p) - colour(q);
+      sum += d2[4 * p + k] = d.dot(d);
+      count += 1.0;
     }
   }
-  const double beta = sum > 0.0 ? 1.0 / (2.0 * sum / count) : 0.0;
-  g.edge.assign(4 * n, -1.0f);
-  for (int y = 0; y < g.h; ++y) {
-    for (int x = 0; x < g.w; ++x) {
-      for (int k = 0; k < 4; ++k) {
-        if (!inside(x, y, k)) continue;
-        const double dist = (k % 2 == 1) ? std::sqrt(2.0) : 1.0;
-        g.edge[4 * (y * g.w + x) + k] = static_cast<float>(50.0 * std::exp(-beta * diff2(x, y, k)) / dist);
-      }
-    }
+  const double beta = sum > 0.0 ? count / (2.0 * sum) : 0.0;
+  for (int i = 0; i < 4 * n; ++i) {
+    if (d2[i] < 0.0) continue;
+    const float c =
+        static_cast<float>(50.0 * std::exp(-beta * d2[i]) / (i % 2 == 1 ? std::sqrt(2.0) : 1.0));
+    g.e[i] = Slot{c, c, false};
   }
   return g;
 }
 
 // The photo resized to w x h with its rectangle scaled along.
-inline ImageGraph photoGraph(const cv::Mat& bgr, int x1, int y1, int x2, int y2, int w, int h) {
+inline GridGraph photoGraph(const cv::Mat& bgr, int x1, int y1, int x2, int y2, int w, int h) {
   cv::Mat small;
   cv::resize(bgr, small, cv::Size(w, h), 0, 0, cv::INTER_AREA);
   const double sx = double(w) / bgr.cols, sy = double(h) / bgr.rows;
   const cv::Rect rect(int(x1 * sx), int(y1 * sy), std::max(1, int((x2 - x1 + 1) * sx)),
                       std::max(1, int((y2 - y1 + 1) * sy)));
   return imageGraph(small, rect);
-}
-
-inline void fill(ZIRKSEGraph& g, const ImageGraph& d) {
-  const int n = d.w * d.h;
-  g.addNode(n);
-  for (int p = 0; p < n; ++p) g.addtWeights(p, d.source[p], d.sink[p]);
-  for (int p = 0; p < n; ++p) {
-    for (int k = 0; k < 4; ++k) {
-      const float c = d.edge[4 * p + k];
-      g.addEdge(p, -1, c, c, c < 0.0f);
-    }
-  }
-}
-
-// The image graph as an explicit description (for cut evaluation).
-inline GridSpec toSpec(const ImageGraph& d) {
-  GridSpec s;
-  s.w = d.w;
-  s.h = d.h;
-  const int n = d.w * d.h;
-  s.src1 = d.source;
-  s.snk1 = d.sink;
-  s.src2.assign(n, 0.0f);
-  s.snk2.assign(n, 0.0f);
-  s.twoCalls.assign(n, false);
-  s.cap.resize(4 * n);
-  s.rev.resize(4 * n);
-  s.absent.resize(4 * n);
-  for (int i = 0; i < 4 * n; ++i) {
-    s.absent[i] = d.edge[i] < 0.0f;
-    s.cap[i] = s.rev[i] = std::max(d.edge[i], 0.0f);
-  }
-  return s;
 }
 
 }  // namespace gridtest

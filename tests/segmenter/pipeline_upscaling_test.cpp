@@ -1,6 +1,4 @@
 // Full-resolution refinement of a working-size mask.
-#include <gtest/gtest.h>
-
 #include <opencv2/imgproc.hpp>
 
 #include <random>
@@ -8,47 +6,36 @@
 
 #include "colormodel/TrainingData.h"
 #include "common/LogCapture.h"
-#include "pipeline_support.h"
-#include "segmenter/ZIRKSEHybrid.h"
-
-using pipeline_test::at;
-using pipeline_test::makeImage;
-using pipeline_test::toIpl;
+#include "support.h"
 
 namespace {
 
-class PipelineUpscaling : public ::testing::Test {
- protected:
-  void TearDown() override { pipeline_test::resetEngineState(); }
+using segtest::filledImage;
+using segtest::toIpl;
 
+class PipelineUpscaling : public segtest::SegmenterTest {
+ protected:
   void setSource(const cv::Mat& bgr) {
     ZIRKSEMarker::m_originalImage = toIpl(bgr);
     ZIRKSEMarker::m_originalWidth = bgr.cols;
     ZIRKSEMarker::m_originalHeight = bgr.rows;
   }
-
-  ZIRKSEHybrid hybrid;
 };
 
 // Without a boundary there is no band: the plain enlargement, with its log line.
 TEST_F(PipelineUpscaling, EmptyOrFullMaskIsEnlargedPlainly) {
   setSource(cv::Mat(48, 64, CV_8UC3, cv::Scalar(10, 20, 30)));
-  ZIRKSEMarker::m_labelImage = makeImage(32, 24, 1, 1);
-  const char* failed = "Failed: xmin:2147483647, xmax:-1, ymin:2147483647, ymax:-1";
-  for (uint8_t value : {0, 1}) {
+  ZIRKSEMarker::m_labelImage = filledImage(32, 24, 1, 1);
+  for (const int value : {0, 1}) {
     LogCapture log;
-    IplImage* mask = makeImage(32, 24, 1, value);
-    IplImage* result = hybrid.intelligentUpscaling(mask);
+    IplImage* mask = filledImage(32, 24, 1, value);
+    IplImage* result = hybrid->intelligentUpscaling(mask);
     ASSERT_NE(result, nullptr);
-    EXPECT_EQ(result->width, 64);
-    EXPECT_EQ(result->height, 48);
-    const int expected = value == 1 ? 64 * 48 : 0;
-    EXPECT_EQ(cvCountNonZero(result), expected);
-    EXPECT_EQ(cv::countNonZero(cv::cvarrToMat(result) == 255), expected);
-    EXPECT_EQ(log.count(6, "Error", failed), 1) << log.dump();
-    EXPECT_EQ(log.countPrefix("Info", "Passed:"), 0);
-    EXPECT_EQ(hybrid.m_boundWidthTrimap, 0);
-    EXPECT_EQ(hybrid.m_trimapGraph, nullptr);
+    EXPECT_EQ(segtest::view(result).size(), cv::Size(64, 48));
+    EXPECT_EQ(cv::countNonZero(segtest::view(result) == 255 * value), 64 * 48);
+    EXPECT_EQ(log.count(6, "Error", "Failed: xmin:2147483647, xmax:-1, ymin:2147483647, ymax:-1"), 1)
+        << log.dump();
+    EXPECT_EQ(hybrid->m_trimapGraph, nullptr);
     cvReleaseImage(&mask);
     cvReleaseImage(&result);
   }
@@ -65,56 +52,43 @@ TEST_F(PipelineUpscaling, BandCutRefinesTheOutlineOnly) {
   for (int y = 0; y < 150; ++y)
     for (int x = 0; x < 200; ++x) {
       const bool in = (x - 101) * (x - 101) + (y - 74) * (y - 74) <= 41 * 41;
-      const cv::Vec3b c = in ? cv::Vec3b(cv::saturate_cast<uchar>(40 + noise(rng)),
-                                         cv::saturate_cast<uchar>(40 + noise(rng)),
-                                         cv::saturate_cast<uchar>(200 + noise(rng)))
-                             : cv::Vec3b(cv::saturate_cast<uchar>(50 + noise(rng)),
-                                         cv::saturate_cast<uchar>(170 + noise(rng)),
-                                         cv::saturate_cast<uchar>(60 + noise(rng)));
-      bgr.at<cv::Vec3b>(y, x) = c;
+      const cv::Vec3i base = in ? cv::Vec3i(40, 40, 200) : cv::Vec3i(50, 170, 60);
+      cv::Vec3b& c = bgr.at<cv::Vec3b>(y, x);
+      for (int ch = 0; ch < 3; ++ch) c[ch] = cv::saturate_cast<uchar>(base[ch] + noise(rng));
       truth.at<uchar>(y, x) = in ? 255 : 0;
       (in ? fg : bg).push_back({double(c[0]), double(c[1]), double(c[2])});
     }
   setSource(bgr);
-  initModel(fg, hybrid.m_fgModel, 10);
-  initModel(bg, hybrid.m_bgModel, 10);
-  hybrid.m_fgModel.setInverseCovariance();
-  hybrid.m_bgModel.setInverseCovariance();
-  hybrid.m_lamda = 50.0;
-  hybrid.m_beta = 1.0 / (2.0 * 3.0 * 12.0 * 12.0);
+  initModel(fg, hybrid->m_fgModel, 10);
+  initModel(bg, hybrid->m_bgModel, 10);
+  hybrid->m_fgModel.setInverseCovariance();
+  hybrid->m_bgModel.setInverseCovariance();
+  hybrid->m_lamda = 50.0;
+  hybrid->m_beta = 1.0 / (2.0 * 3.0 * 12.0 * 12.0);
 
-  cv::Mat small;
+  cv::Mat small, labels, enlarged;
   cv::resize(truth, small, cv::Size(100, 75), 0, 0, cv::INTER_NEAREST);
-  cv::Mat labels = small.clone();
-  labels.setTo(4, small == 255);
-  labels.setTo(3, small == 0);
+  small.convertTo(labels, CV_8U, 1.0 / 255, 3);  // 4 object, 3 background
   ZIRKSEMarker::m_labelImage = toIpl(labels);
-  cv::Mat smallMask = small / 255;
-  IplImage* mask = toIpl(smallMask);
-
+  IplImage* mask = toIpl(small / 255);
   LogCapture log;
-  IplImage* result = hybrid.intelligentUpscaling(mask);
+  IplImage* result = hybrid->intelligentUpscaling(mask);
   ASSERT_NE(result, nullptr);
   EXPECT_EQ(log.countPrefix("Info", "Passed:"), 1) << log.dump();
-  EXPECT_EQ(hybrid.m_trimapGraph, nullptr);
-  cv::Mat refined = cv::cvarrToMat(result).clone();
+  EXPECT_EQ(hybrid->m_trimapGraph, nullptr);
+  const cv::Mat refined = segtest::view(result).clone();
   cvReleaseImage(&result);
   cvReleaseImage(&mask);
 
-  cv::Mat enlarged;
   cv::resize(small, enlarged, truth.size(), 0, 0, cv::INTER_NEAREST);
   const int refinedErrors = cv::countNonZero(refined != truth);
   const int enlargedErrors = cv::countNonZero(enlarged != truth);
   EXPECT_LT(refinedErrors * 3, enlargedErrors) << refinedErrors << " vs " << enlargedErrors;
-
-  // Changes stay within a few pixels of the enlarged outline.
-  cv::Mat kernel = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(9, 9));
+  // Changes stay within a few pixels of the enlarged outline; values are 0/255.
   cv::Mat outer, inner;
-  cv::dilate(enlarged, outer, kernel);
-  cv::erode(enlarged, inner, kernel);
-  cv::Mat changed = refined != enlarged;
-  cv::Mat nearOutline = outer != inner;
-  EXPECT_EQ(cv::countNonZero(changed & ~nearOutline), 0);
+  cv::dilate(enlarged, outer, cv::Mat::ones(9, 9, CV_8U));
+  cv::erode(enlarged, inner, cv::Mat::ones(9, 9, CV_8U));
+  EXPECT_EQ(cv::countNonZero((refined != enlarged) & (outer == inner)), 0);
   EXPECT_EQ(cv::countNonZero((refined != 0) & (refined != 255)), 0);
 }
 

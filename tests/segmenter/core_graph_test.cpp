@@ -1,10 +1,10 @@
-// Graph construction: terminal and neighbour capacities read back from the
-// graph's node and arc arrays, against values computed here from the colour
-// models, the stored neighbour weights and the contrast formula.
+// Neighbour weights against exp(-beta |p - q|^2) evaluated directly, and the
+// graphs read back from their node and arc arrays against capacities computed
+// here from the colour models, the stored weights and the contrast formula.
 #include <cmath>
-#include <random>
-#include <vector>
+#include <string>
 
+#include "common/LogCapture.h"
 #include "support.h"
 #include "support/ZIRKMemory.h"
 
@@ -12,45 +12,106 @@ namespace {
 
 using segtest::at;
 
+// Slot k of pixel (x, y) joins it to (x + kDx[k], y + kDy[k]); odd slots are diagonal.
 constexpr int kDx[4] = {-1, -1, 0, 1};
 constexpr int kDy[4] = {0, -1, -1, -1};
 
-float arc(const ZIRKSEGraph* g, int node, int slot, int dir) { return g->m_arcs[8 * node + 2 * slot + dir]; }
+int64_t squaredDistance(IplImage* img, int x0, int y0, int x1, int y1) {
+  int64_t s = 0;
+  for (int c = 0; c < 3; ++c) {
+    const int d = at(img, x0, y0, c) - at(img, x1, y1, c);
+    s += d * d;
+  }
+  return s;
+}
+
+// Visits every pixel and all eight neighbours, so each pair is seen twice;
+// the sum wraps to 32 bits as the engine keeps it.
+double referenceBeta(IplImage* img) {
+  int64_t sum2 = 0, pairs2 = 0;
+  for (int y = 0; y < img->height; ++y)
+    for (int x = 0; x < img->width; ++x)
+      for (int q = 0; q < 9; ++q) {
+        const int qx = x + q % 3 - 1, qy = y + q / 3 - 1;
+        if (q == 4 || qx < 0 || qy < 0 || qx >= img->width || qy >= img->height) continue;
+        sum2 += squaredDistance(img, x, y, qx, qy);
+        ++pairs2;
+      }
+  const int32_t wrapped = static_cast<int32_t>(static_cast<uint32_t>(sum2 / 2));
+  return wrapped > 0 ? (pairs2 / 2) / (2.0 * wrapped) : 0.0;
+}
 
 class CoreGraph : public segtest::SegmenterTest {
  protected:
-  void SetUp() override { makeModels(); }
+  // Five-component models around 70 (object) and 160 (background).
   void makeModels() {
-    makeModel(hybrid->m_fgModel, 70.0, 300.0);
-    makeModel(hybrid->m_bgModel, 160.0, 500.0);
-  }
-  // A five-component model around `centre`, ready to be queried.
-  static void makeModel(ZIRKSEColorModel& m, double centre, double spread) {
-    for (int k = 0; k < 5; ++k) {
-      m.m_weight[k] = 0.1 + 0.05 * k;
-      for (int c = 0; c < 3; ++c) m.m_mean[k][c] = centre + 12.0 * (k - 2) + 5.0 * c;
-      for (int i = 0; i < 9; ++i) m.m_covariance[k][i] = (i % 4 == 0) ? spread * (1 + 0.2 * k) : 0.3 * spread;
+    for (ZIRKSEColorModel* m : {&hybrid->m_fgModel, &hybrid->m_bgModel}) {
+      const double centre = m == &hybrid->m_fgModel ? 70.0 : 160.0, spread = centre * 4;
+      for (int k = 0; k < 5; ++k) {
+        m->m_weight[k] = 0.1 + 0.05 * k;
+        for (int c = 0; c < 3; ++c) m->m_mean[k][c] = centre + 12.0 * (k - 2) + 5.0 * c;
+        for (int i = 0; i < 9; ++i) m->m_covariance[k][i] = (i % 4 == 0) ? spread * (1 + 0.2 * k) : 0.3 * spread;
+      }
+      m->setDeterminant();
+      m->setInverseCovariance();
     }
-    m.setDeterminant();
-    m.setInverseCovariance();
   }
   // -log of the background and object densities of one feature vector.
-  std::pair<float, float> terminals(const pixelVal& p) {
-    return {static_cast<float>(-std::log(hybrid->m_bgModel.GMMProb(p))),
-            static_cast<float>(-std::log(hybrid->m_fgModel.GMMProb(p)))};
+  std::pair<float, float> terminals(double a, double b, double c) {
+    return {static_cast<float>(-std::log(hybrid->m_bgModel.GMMProb({a, b, c}))),
+            static_cast<float>(-std::log(hybrid->m_fgModel.GMMProb({a, b, c})))};
   }
   // Both directions of slot k of node p: want, or absent (-2).
   static void expectArc(const ZIRKSEGraph* g, int p, int k, bool present, double want) {
     for (int dir = 0; dir < 2; ++dir) {
-      if (!present) ASSERT_EQ(arc(g, p, k, dir), -2.0f) << p << " slot " << k;
-      else ASSERT_NEAR(arc(g, p, k, dir), want, 2e-5 * want + 1e-6) << p << " slot " << k;
+      const float got = g->m_arcs[8 * p + 2 * k + dir];
+      ASSERT_NEAR(got, present ? want : -2.0, 2e-5 * want + 1e-6) << p << " slot " << k;
     }
   }
 };
 
-// Box graphs over random weights, crops and labels: colour and grey (features
-// are intensity and the texture maps at the pixel's place in the whole image),
-// and a box one pixel wide.
+// Random images (a narrow value range included), a uniform one (beta 0:
+// every weight 1, diagonals 1/sqrt 2) and 0/255 checkerboards: at 100 x 100
+// the sum lies between 2^31 and 2^32 (negative once wrapped: beta 0), at
+// 150 x 150 it passes 2^32 and wraps to a small positive value.
+TEST_F(CoreGraph, WeightsFollowTheContrastFormula) {
+  std::mt19937 rng(20240611);
+  struct Case {
+    int w, h, lo, hi;
+  } cases[] = {{2, 1, 0, 255},  {2, 2, 0, 255},     {3, 5, 0, 255}, {17, 11, 0, 255}, {64, 48, 0, 255},
+               {40, 30, 100, 110}, {31, 2, 0, 1}, {5, 40, 0, 255}, {9, 7, 77, 77},   {100, 100, -1, -1},
+               {150, 150, -1, -1}};
+  for (const Case& c : cases) {
+    const std::string what = std::to_string(c.w) + "x" + std::to_string(c.h);
+    IplImage* img = segtest::randomImage(c.w, c.h, 3, rng, std::max(c.lo, 0), std::max(c.hi, 0));
+    for (int y = 0; y < c.h && c.lo < 0; ++y)
+      for (int x = (y & 1); x < c.w; x += 2) segtest::fillRect(img, x, y, x + 1, y + 1, 255);
+    setWorkingImage(img);
+    hybrid->computeNlinks();
+    const double beta = referenceBeta(img);
+    if (c.lo < 0) { EXPECT_EQ(beta == 0.0, c.w == 100) << "the case no longer wraps"; }
+    EXPECT_NEAR(hybrid->m_beta, beta, 1e-12 * beta) << what;
+    for (int p = 0; p < c.w * c.h; ++p)
+      for (int k = 0; k < 4; ++k) {
+        const int x = p % c.w, y = p / c.w, qx = x + kDx[k], qy = y + kDy[k];
+        double want = 0.0;  // no neighbour
+        if (qx >= 0 && qy >= 0 && qx < c.w)
+          want = std::exp(-beta * squaredDistance(img, x, y, qx, qy)) * (k % 2 ? 1 / std::sqrt(2.0) : 1.0);
+        ASSERT_NEAR(hybrid->m_nlinks[p * 4 + k], want, 1e-6 + 2e-5 * want) << what << " slot " << k << " at " << p;
+      }
+  }
+  // A single pixel has no pairs: refused, zero weights.
+  LogCapture log;
+  setWorkingImage(segtest::filledImage(1, 1, 3, 9));
+  hybrid->computeNlinks();
+  EXPECT_EQ(log.countPrefix("Error", "computeNlinks"), 1) << log.dump();
+  EXPECT_EQ(hybrid->m_beta, 0.0);
+  for (int k = 0; k < 4; ++k) EXPECT_EQ(hybrid->m_nlinks[k], 0.0f) << k;
+}
+
+// Box graphs (filled twice: the second fill starts from scratch) over random
+// weights, crops and labels: colour, grey (features are the intensity and the
+// texture maps at the pixel's place in the whole image), one pixel wide.
 TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
   struct Case {
     int imageW, imageH, x0, y0, w, h;
@@ -58,15 +119,12 @@ TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
   } cases[] = {{23, 17, 4, 3, 12, 9, false}, {15, 12, 2, 5, 10, 6, true}, {4, 8, 3, 1, 1, 6, false}};
   std::mt19937 rng(11);
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.w);
     hybrid = std::make_unique<ZIRKSEHybrid>();
     makeModels();
     hybrid->m_width = c.imageW;
     hybrid->m_height = c.imageH;
-    const int cells = 4 * c.imageW * c.imageH;
-    hybrid->m_nlinks = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * cells, "test", 1));
-    std::uniform_real_distribution<float> weight(0.0f, 1.0f);
-    for (int i = 0; i < cells; ++i) hybrid->m_nlinks[i] = weight(rng);
+    hybrid->m_nlinks = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * 4 * c.imageW * c.imageH, "test", 1));
+    for (int i = 0; i < 4 * c.imageW * c.imageH; ++i) hybrid->m_nlinks[i] = (rng() % 1000) / 1000.0f;
     setBox(c.x0, c.y0, c.w, c.h);
     hybrid->m_cropSrcImage = segtest::randomImage(c.w, c.h, 3, rng);
     hybrid->m_cropLabelImage = segtest::randomImage(c.w, c.h, 1, rng, 0, 4);
@@ -77,48 +135,44 @@ TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
     ZIRKSEMarker::m_texVer = segtest::randomImage(c.imageW, c.imageH, 1, rng);
     hybrid->m_lamda = 13.513;
     hybrid->graphSpaceAllocator();
-    for (int fill = 0; fill < 2; ++fill) {  // a second fill of the same graph starts from scratch
+    for (int fill = 0; fill < 2; ++fill) {
       hybrid->constructGraphZIRK();
       const ZIRKSEGraph* g = hybrid->m_graph;
       ASSERT_EQ(g->m_nodeCount, c.w * c.h);
-      EXPECT_EQ(g->m_arcCount, 8 * c.w * c.h);
       double flow = 0.0;
-      for (int y = 0; y < c.h; ++y)
-        for (int x = 0; x < c.w; ++x) {
-          const int p = y * c.w + x, X = x + c.x0, Y = y + c.y0;
-          const uint8_t* colour = &at(hybrid->m_cropSrcImage, x, y);
-          const double b = colour[0], f1 = c.grey ? at(ZIRKSEMarker::m_texHor, X, Y) : colour[1],
-                       f2 = c.grey ? at(ZIRKSEMarker::m_texVer, X, Y) : colour[2];
-          auto t = terminals(pixelVal{b, f1, f2});
-          const uint8_t label = at(hybrid->m_cropLabelImage, x, y);
-          if (label == 1) t = {0.0f, 1000.0f};
-          if (label == 2) t = {1000.0f, 0.0f};
-          ASSERT_FLOAT_EQ(g->m_nodes[p].tr_cap, t.first - t.second) << x << "," << y;
-          flow += std::min(t.first, t.second);
-          for (int k = 0; k < 4; ++k) {
-            const int qx = x + kDx[k], qy = y + kDy[k];
-            expectArc(g, p, k, qx >= 0 && qy >= 0 && qx < c.w,
-                      13.513 * hybrid->m_nlinks[(Y * c.imageW + X) * 4 + k]);
-          }
-        }
+      for (int p = 0; p < c.w * c.h; ++p) {
+        const int x = p % c.w, y = p / c.w, X = x + c.x0, Y = y + c.y0;
+        const uint8_t* rgb = &at(hybrid->m_cropSrcImage, x, y);
+        auto t = c.grey ? terminals(rgb[0], at(ZIRKSEMarker::m_texHor, X, Y), at(ZIRKSEMarker::m_texVer, X, Y))
+                        : terminals(rgb[0], rgb[1], rgb[2]);
+        const uint8_t label = at(hybrid->m_cropLabelImage, x, y);
+        if (label == 1 || label == 2) t = {label == 2 ? 1000.0f : 0.0f, label == 1 ? 1000.0f : 0.0f};
+        ASSERT_FLOAT_EQ(g->m_nodes[p].tr_cap, t.first - t.second) << x << "," << y;
+        flow += std::min(t.first, t.second);
+        for (int k = 0; k < 4; ++k)
+          expectArc(g, p, k, x + kDx[k] >= 0 && y + kDy[k] >= 0 && x + kDx[k] < c.w,
+                    13.513 * hybrid->m_nlinks[(Y * c.imageW + X) * 4 + k]);
+      }
       EXPECT_NEAR(g->m_flow, flow, 1e-4 * flow);
     }
   }
 }
 
 // The refinement band's graph: trimap 1/2 fixed, 7 outside the band with no
-// links at all, horizontal links lamda, the others lamda times the contrast
-// (diagonals by 1/sqrt 2); grey mode takes the feature images.
+// links at all (such pixels stay free after the cut), horizontal links lamda,
+// the others lamda times the contrast (diagonals by 1/sqrt 2); grey mode
+// takes the feature images.
 TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
   std::mt19937 rng(17);
+  makeModels();
   for (const bool grey : {false, true}) {
     const int w = grey ? 1 : 11, h = grey ? 7 : 8;
     IplImage* colour = segtest::randomImage(w, h, 3, rng, 60, 180);
-    IplImage* trimap = segtest::filledImage(w, h, 1, 0);
     IplImage* fa = segtest::randomImage(w, h, 1, rng);
     IplImage* fb = segtest::randomImage(w, h, 1, rng);
-    const int values[6] = {0, 0, 1, 2, 7, 0};
-    for (int i = 0; i < w * h; ++i) at(trimap, i % w, i / w) = static_cast<uint8_t>(values[rng() % 6]);
+    IplImage* trimap = segtest::randomImage(w, h, 1, rng, 0, 5);
+    const uint8_t values[6] = {0, 0, 1, 2, 7, 0};
+    for (int i = 0; i < w * h; ++i) at(trimap, i % w, i / w) = values[at(trimap, i % w, i / w)];
     hybrid->m_boundWidthTrimap = w;
     hybrid->m_boundHeightTrimap = h;
     hybrid->m_beta = 0.0007;
@@ -127,34 +181,20 @@ TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
     ASSERT_EQ(hybrid->constructGraphTrimapZIRK(colour, nullptr, trimap, fa, fb), 0);
     ZIRKSEGraph* g = hybrid->m_trimapGraph;
     ASSERT_EQ(g->m_nodeCount, w * h);
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x) {
-        const int p = y * w + x;
-        const uint8_t label = at(trimap, x, y);
-        const uint8_t* c = &at(colour, x, y);
-        const auto t = terminals(grey ? pixelVal{double(c[0]), double(at(fa, x, y)), double(at(fb, x, y))}
-                                      : pixelVal{double(c[0]), double(c[1]), double(c[2])});
-        float terminal = t.first - t.second;
-        if (label == 1) terminal = -1000.0f;
-        if (label == 2) terminal = 1000.0f;
-        if (label == 7) terminal = 0.0f;
-        ASSERT_FLOAT_EQ(g->m_nodes[p].tr_cap, terminal) << x << "," << y;
-        for (int k = 0; k < 4; ++k) {
-          const int qx = x + kDx[k], qy = y + kDy[k];
-          const bool present = label != 7 && qx >= 0 && qy >= 0 && qx < w && at(trimap, qx, qy) != 7;
-          double want = 50.0;
-          if (present && k > 0) {
-            int s = 0;
-            for (int ch = 0; ch < 3; ++ch) {
-              const int d = c[ch] - at(colour, qx, qy, ch);
-              s += d * d;
-            }
-            want *= std::exp(-0.0007 * s) * (k % 2 ? 1 / std::sqrt(2.0) : 1.0);
-          }
-          expectArc(g, p, k, present, want);
-        }
+    for (int p = 0; p < w * h; ++p) {
+      const int x = p % w, y = p / w, label = at(trimap, x, y);
+      const uint8_t* c = &at(colour, x, y);
+      const auto t = grey ? terminals(c[0], at(fa, x, y), at(fb, x, y)) : terminals(c[0], c[1], c[2]);
+      const float fixed[8] = {0, -1000, 1000, 0, 0, 0, 0, 0};
+      const bool modelled = label == 0 || label == 3 || label == 4;
+      ASSERT_FLOAT_EQ(g->m_nodes[p].tr_cap, modelled ? t.first - t.second : fixed[label]) << p;
+      for (int k = 0; k < 4; ++k) {
+        const int qx = x + kDx[k], qy = y + kDy[k];
+        const bool present = label != 7 && qx >= 0 && qy >= 0 && qx < w && at(trimap, qx, qy) != 7;
+        const double contrast = k == 0 ? 1.0 : std::exp(-0.0007 * squaredDistance(colour, x, y, qx, qy));
+        expectArc(g, p, k, present, present ? 50.0 * contrast * (k % 2 ? 1 / std::sqrt(2.0) : 1.0) : 0.0);
       }
-    // Pixels outside the band are linked to nothing: they stay free.
+    }
     g->maxFlow();
     for (int p = 0; p < w * h; ++p)
       if (at(trimap, p % w, p / w) == 7) { EXPECT_EQ(g->m_nodes[p].tree, FREE) << p; }

@@ -19,7 +19,8 @@ namespace {
       q.heap.size() != live.size() + 1)
     return ::testing::AssertionFailure() << "sentinel or size";
   for (size_t i = 2; i < q.heap.size(); ++i)
-    if (q.heap[i / 2].weight > q.heap[i].weight) return ::testing::AssertionFailure() << "order at " << i;
+    if (q.heap[i / 2].weight > q.heap[i].weight)
+      return ::testing::AssertionFailure() << "order at " << i;
   for (size_t i = 1; i < q.heap.size(); ++i)
     if (q.position.at(q.heap[i].index) != static_cast<int>(i))
       return ::testing::AssertionFailure() << "position of id " << q.heap[i].index;

@@ -15,6 +15,7 @@ using segtest::at;
 // Slot k of pixel (x, y) joins it to (x + kDx[k], y + kDy[k]); odd slots are diagonal.
 constexpr int kDx[4] = {-1, -1, 0, 1};
 constexpr int kDy[4] = {0, -1, -1, -1};
+const double kDiagonal = 1 / std::sqrt(2.0);
 
 int64_t squaredDistance(IplImage* img, int x0, int y0, int x1, int y1) {
   int64_t s = 0;
@@ -50,7 +51,8 @@ class CoreGraph : public segtest::SegmenterTest {
       for (int k = 0; k < 5; ++k) {
         m->m_weight[k] = 0.1 + 0.05 * k;
         for (int c = 0; c < 3; ++c) m->m_mean[k][c] = centre + 12.0 * (k - 2) + 5.0 * c;
-        for (int i = 0; i < 9; ++i) m->m_covariance[k][i] = (i % 4 == 0) ? spread * (1 + 0.2 * k) : 0.3 * spread;
+        for (int i = 0; i < 9; ++i)
+          m->m_covariance[k][i] = (i % 4 == 0) ? spread * (1 + 0.2 * k) : 0.3 * spread;
       }
       m->setDeterminant();
       m->setInverseCovariance();
@@ -96,8 +98,9 @@ TEST_F(CoreGraph, WeightsFollowTheContrastFormula) {
         const int x = p % c.w, y = p / c.w, qx = x + kDx[k], qy = y + kDy[k];
         double want = 0.0;  // no neighbour
         if (qx >= 0 && qy >= 0 && qx < c.w)
-          want = std::exp(-beta * squaredDistance(img, x, y, qx, qy)) * (k % 2 ? 1 / std::sqrt(2.0) : 1.0);
-        ASSERT_NEAR(hybrid->m_nlinks[p * 4 + k], want, 1e-6 + 2e-5 * want) << what << " slot " << k << " at " << p;
+          want = std::exp(-beta * squaredDistance(img, x, y, qx, qy)) * (k % 2 ? kDiagonal : 1.0);
+        ASSERT_NEAR(hybrid->m_nlinks[p * 4 + k], want, 1e-6 + 2e-5 * want)
+            << what << " slot " << k << " at " << p;
       }
   }
   // A single pixel has no pairs: refused, zero weights.
@@ -123,8 +126,9 @@ TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
     makeModels();
     hybrid->m_width = c.imageW;
     hybrid->m_height = c.imageH;
-    hybrid->m_nlinks = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * 4 * c.imageW * c.imageH, "test", 1));
-    for (int i = 0; i < 4 * c.imageW * c.imageH; ++i) hybrid->m_nlinks[i] = (rng() % 1000) / 1000.0f;
+    const int slots = 4 * c.imageW * c.imageH;
+    hybrid->m_nlinks = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * slots, "test", 1));
+    for (int i = 0; i < slots; ++i) hybrid->m_nlinks[i] = (rng() % 1000) / 1000.0f;
     setBox(c.x0, c.y0, c.w, c.h);
     hybrid->m_cropSrcImage = segtest::randomImage(c.w, c.h, 3, rng);
     hybrid->m_cropLabelImage = segtest::randomImage(c.w, c.h, 1, rng, 0, 4);
@@ -143,7 +147,8 @@ TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
       for (int p = 0; p < c.w * c.h; ++p) {
         const int x = p % c.w, y = p / c.w, X = x + c.x0, Y = y + c.y0;
         const uint8_t* rgb = &at(hybrid->m_cropSrcImage, x, y);
-        auto t = c.grey ? terminals(rgb[0], at(ZIRKSEMarker::m_texHor, X, Y), at(ZIRKSEMarker::m_texVer, X, Y))
+        IplImage *texH = ZIRKSEMarker::m_texHor, *texV = ZIRKSEMarker::m_texVer;
+        auto t = c.grey ? terminals(rgb[0], at(texH, X, Y), at(texV, X, Y))
                         : terminals(rgb[0], rgb[1], rgb[2]);
         const uint8_t label = at(hybrid->m_cropLabelImage, x, y);
         if (label == 1 || label == 2) t = {label == 2 ? 1000.0f : 0.0f, label == 1 ? 1000.0f : 0.0f};
@@ -192,7 +197,7 @@ TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
         const int qx = x + kDx[k], qy = y + kDy[k];
         const bool present = label != 7 && qx >= 0 && qy >= 0 && qx < w && at(trimap, qx, qy) != 7;
         const double contrast = k == 0 ? 1.0 : std::exp(-0.0007 * squaredDistance(colour, x, y, qx, qy));
-        expectArc(g, p, k, present, present ? 50.0 * contrast * (k % 2 ? 1 / std::sqrt(2.0) : 1.0) : 0.0);
+        expectArc(g, p, k, present, present ? 50.0 * contrast * (k % 2 ? kDiagonal : 1.0) : 0.0);
       }
     }
     g->maxFlow();

@@ -121,8 +121,9 @@ TEST_F(CorePostProcess, BrushKeepsOnlyFlipsTouchingThePath) {
     const cv::Mat prev = view(ZIRKSEMarker::m_prevResult);
     prev(cv::Rect(10, 10, 30, 30)).setTo(255);
     ZIRKSEMarker::currentStroke.type = adding ? kEditStrokeAdd : kEditStrokeRemove;
-    ZIRKSEMarker::currentStroke.points = adding ? std::vector<int>{-4, 20, 45, 20, 50, 20, 500, 20, 45, 900}
-                                                : std::vector<int>{12, 12, 14, 13};
+    using Path = std::vector<int>;
+    ZIRKSEMarker::currentStroke.points =
+        adding ? Path{-4, 20, 45, 20, 50, 20, 500, 20, 45, 900} : Path{12, 12, 14, 13};
     const cv::Rect touching = adding ? cv::Rect(40, 15, 15, 10) : cv::Rect(10, 10, 6, 6);
     const uint8_t v = adding ? 255 : 0;
     IplImage* mask = cvCloneImage(ZIRKSEMarker::m_prevResult);

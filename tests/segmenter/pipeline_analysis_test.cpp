@@ -123,7 +123,9 @@ class PipelineLamda : public segtest::SegmenterTest {
     EXPECT_EQ(hybrid->m_lamda, lamda);
     EXPECT_TRUE(same(hybrid->m_cropLabelImage, labels));
   }
-  static bool same(IplImage* a, IplImage* b) { return cv::countNonZero(segtest::view(a) != segtest::view(b)) == 0; }
+  static bool same(IplImage* a, IplImage* b) {
+    return cv::countNonZero(segtest::view(a) != segtest::view(b)) == 0;
+  }
 };
 
 // Trials use truncated weights (13.513 runs as 13) and start from the user's labels.

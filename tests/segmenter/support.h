@@ -22,13 +22,11 @@ inline uint8_t& at(IplImage* img, int x, int y, int channel = 0) {
   return reinterpret_cast<uint8_t*>(img->imageData)[y * img->widthStep + x * img->nChannels + channel];
 }
 inline cv::Mat view(IplImage* img) { return cv::cvarrToMat(img); }
-
 inline IplImage* filledImage(int w, int h, int channels, int value) {
   IplImage* img = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, channels);
   cvSet(img, cvScalarAll(value));
   return img;
 }
-
 // Uniformly random bytes in [lo, hi].
 inline IplImage* randomImage(int w, int h, int channels, std::mt19937& rng, int lo = 0, int hi = 255) {
   IplImage* img = filledImage(w, h, channels, 0);
@@ -38,11 +36,10 @@ inline IplImage* randomImage(int w, int h, int channels, std::mt19937& rng, int 
   return img;
 }
 
-inline IplImage* toIpl(const cv::Mat& m) {
+inline IplImage* toIpl(const cv::Mat& m) {  // a deep copy
   IplImage header = cvIplImage(m);
   return cvCloneImage(&header);
 }
-
 // Fills [x0, x1) x [y0, y1) of every channel.
 inline void fillRect(IplImage* img, int x0, int y0, int x1, int y1, int v) {
   view(img)(cv::Rect(x0, y0, x1 - x0, y1 - y0)).setTo(cv::Scalar::all(v));
@@ -64,7 +61,6 @@ class SegmenterTest : public ::testing::Test {
     if (g_cancelTimer != nullptr) destroy_timer(g_cancelTimer);
     g_cancelTimer = nullptr;
   }
-  // Working image: the marker image and both size pairs.
   void setWorkingImage(IplImage* img) {
     ZIRK_ReleaseImage(&ZIRKSEMarker::m_srcImage);
     ZIRKSEMarker::m_srcImage = img;

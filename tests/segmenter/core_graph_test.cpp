@@ -1,295 +1,210 @@
-// Graph construction: terminal and neighbour capacities read back from the
-// graph's node and arc arrays, against values computed here from the colour
-// models, the stored neighbour weights and the contrast formula.
+// Neighbour weights against exp(-beta |p - q|^2) evaluated directly, and the
+// graphs read back from their node and arc arrays against capacities computed
+// here from the colour models, the stored weights and the contrast formula.
 #include <cmath>
-#include <cstdlib>
-#include <random>
 #include <string>
 
 #include "common/LogCapture.h"
-#include "core_support.h"
+#include "support.h"
 #include "support/ZIRKMemory.h"
 
 namespace {
 
-using coretest::at;
-using coretest::SegmenterTest;
+using segtest::at;
 
+// Slot k of pixel (x, y) joins it to (x + kDx[k], y + kDy[k]); odd slots are diagonal.
 constexpr int kDx[4] = {-1, -1, 0, 1};
 constexpr int kDy[4] = {0, -1, -1, -1};
+const double kDiagonal = 1 / std::sqrt(2.0);
 
-// A five-component model around `centre`, ready to be queried.
-void makeModel(ZIRKSEColorModel& m, double centre, double spread) {
-  for (int k = 0; k < 5; ++k) {
-    m.m_weight[k] = 0.1 + 0.05 * k;
-    for (int c = 0; c < 3; ++c) m.m_mean[k][c] = centre + 12.0 * (k - 2) + 5.0 * c;
-    for (int i = 0; i < 9; ++i) m.m_covariance[k][i] = (i % 4 == 0) ? spread * (1 + 0.2 * k) : 0.3 * spread;
+int64_t squaredDistance(IplImage* img, int x0, int y0, int x1, int y1) {
+  int64_t s = 0;
+  for (int c = 0; c < 3; ++c) {
+    const int d = at(img, x0, y0, c) - at(img, x1, y1, c);
+    s += d * d;
   }
-  m.setDeterminant();
-  m.setInverseCovariance();
+  return s;
 }
 
-float arc(const ZIRKSEGraph* g, int node, int slot, int dir) { return g->m_arcs[8 * node + 2 * slot + dir]; }
+// Visits every pixel and all eight neighbours, so each pair is seen twice;
+// the sum wraps to 32 bits as the engine keeps it.
+double referenceBeta(IplImage* img) {
+  int64_t sum2 = 0, pairs2 = 0;
+  for (int y = 0; y < img->height; ++y)
+    for (int x = 0; x < img->width; ++x)
+      for (int q = 0; q < 9; ++q) {
+        const int qx = x + q % 3 - 1, qy = y + q / 3 - 1;
+        if (q == 4 || qx < 0 || qy < 0 || qx >= img->width || qy >= img->height) continue;
+        sum2 += squaredDistance(img, x, y, qx, qy);
+        ++pairs2;
+      }
+  const int32_t wrapped = static_cast<int32_t>(static_cast<uint32_t>(sum2 / 2));
+  return wrapped > 0 ? (pairs2 / 2) / (2.0 * wrapped) : 0.0;
+}
 
-class CoreGraphConstruction : public SegmenterTest {
+class CoreGraph : public segtest::SegmenterTest {
  protected:
-  void SetUp() override {
-    SegmenterTest::SetUp();
-    ZIRKSEMarker::m_noiseLevel = 0.1;
-    makeModel(hybrid->m_fgModel, 70.0, 300.0);
-    makeModel(hybrid->m_bgModel, 160.0, 500.0);
+  // Five-component models around 70 (object) and 160 (background).
+  void makeModels() {
+    for (ZIRKSEColorModel* m : {&hybrid->m_fgModel, &hybrid->m_bgModel}) {
+      const double centre = m == &hybrid->m_fgModel ? 70.0 : 160.0, spread = centre * 4;
+      for (int k = 0; k < 5; ++k) {
+        m->m_weight[k] = 0.1 + 0.05 * k;
+        for (int c = 0; c < 3; ++c) m->m_mean[k][c] = centre + 12.0 * (k - 2) + 5.0 * c;
+        for (int i = 0; i < 9; ++i)
+          m->m_covariance[k][i] = (i % 4 == 0) ? spread * (1 + 0.2 * k) : 0.3 * spread;
+      }
+      m->setDeterminant();
+      m->setInverseCovariance();
+    }
   }
-
-  // Random weights for a working image of w x h (freed by the segmenter).
-  void randomWeights(int w, int h, std::mt19937& rng) {
-    hybrid->m_width = w;
-    hybrid->m_height = h;
-    hybrid->m_nlinks = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * 4 * w * h, "test", 1));
-    std::uniform_real_distribution<float> d(0.0f, 1.0f);
-    for (int i = 0; i < 4 * w * h; ++i) hybrid->m_nlinks[i] = d(rng);
+  // -log of the background and object densities of one feature vector.
+  std::pair<float, float> terminals(double a, double b, double c) {
+    return {static_cast<float>(-std::log(hybrid->m_bgModel.GMMProb({a, b, c}))),
+            static_cast<float>(-std::log(hybrid->m_fgModel.GMMProb({a, b, c})))};
   }
-
-  // Box crops of random colours and labels drawn from `labels`.
-  void randomCrops(int w, int h, std::mt19937& rng, std::vector<int> labels) {
-    hybrid->m_cropSrcImage = coretest::randomImage(w, h, 3, rng);
-    hybrid->m_cropLabelImage = coretest::filledImage(w, h, 1, 0);
-    std::uniform_int_distribution<size_t> pick(0, labels.size() - 1);
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x) *at(hybrid->m_cropLabelImage, x, y) = static_cast<uint8_t>(labels[pick(rng)]);
-  }
-
-  // Every n-link slot of the box graph: lamda times the stored weight of the
-  // pixel in whole-image coordinates, or absent without a neighbour.
-  void expectBoxNlinks() {
-    const ZIRKSEGraph* g = hybrid->m_graph;
-    const int w = hybrid->m_cropWidth, h = hybrid->m_cropHeight;
-    EXPECT_EQ(g->m_arcCount, 8 * w * h);
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x)
-        for (int k = 0; k < 4; ++k) {
-          const int p = y * w + x;
-          const int qx = x + kDx[k], qy = y + kDy[k];
-          if (qx < 0 || qy < 0 || qx >= w) {
-            ASSERT_EQ(arc(g, p, k, 0), -2.0f) << p << " slot " << k;
-            ASSERT_EQ(arc(g, p, k, 1), -2.0f) << p << " slot " << k;
-            continue;
-          }
-          const int X = x + ZIRKSEMarker::m_xMinBBox, Y = y + ZIRKSEMarker::m_yMinBBox;
-          const float expected =
-              static_cast<float>(hybrid->m_lamda * hybrid->m_nlinks[(Y * hybrid->m_width + X) * 4 + k]);
-          ASSERT_FLOAT_EQ(arc(g, p, k, 0), expected) << p << " slot " << k;
-          ASSERT_FLOAT_EQ(arc(g, p, k, 1), expected) << p << " slot " << k;
-        }
+  // Both directions of slot k of node p: want, or absent (-2).
+  static void expectArc(const ZIRKSEGraph* g, int p, int k, bool present, double want) {
+    for (int dir = 0; dir < 2; ++dir) {
+      const float got = g->m_arcs[8 * p + 2 * k + dir];
+      ASSERT_NEAR(got, present ? want : -2.0, 2e-5 * want + 1e-6) << p << " slot " << k;
+    }
   }
 };
 
-TEST_F(CoreGraphConstruction, ColourBoxTakesModelsAndStoredWeights) {
-  std::mt19937 rng(11);
-  randomWeights(23, 17, rng);
-  setBox(4, 3, 12, 9);
-  randomCrops(12, 9, rng, {0, 0, 0, 1, 2, 3, 4});
-  hybrid->m_lamda = 13.513;
-  hybrid->graphSpaceAllocator();
-  ASSERT_NE(hybrid->m_graph, nullptr);
-  hybrid->constructGraphZIRK();
-
-  const ZIRKSEGraph* g = hybrid->m_graph;
-  ASSERT_EQ(g->m_nodeCount, 12 * 9);
-  double flow = 0.0;
-  int fixedSeen[3] = {0, 0, 0};
-  for (int y = 0; y < 9; ++y)
-    for (int x = 0; x < 12; ++x) {
-      const uint8_t label = *at(hybrid->m_cropLabelImage, x, y);
-      const uint8_t* c = at(hybrid->m_cropSrcImage, x, y);
-      const pixelVal p{double(c[0]), double(c[1]), double(c[2])};
-      float source = static_cast<float>(-std::log(hybrid->m_bgModel.GMMProb(p)));
-      float sink = static_cast<float>(-std::log(hybrid->m_fgModel.GMMProb(p)));
-      if (label == 1) source = 0.0f, sink = 1000.0f, ++fixedSeen[1];
-      if (label == 2) source = 1000.0f, sink = 0.0f, ++fixedSeen[2];
-      ASSERT_FLOAT_EQ(g->m_nodes[y * 12 + x].tr_cap, source - sink) << x << "," << y;
-      flow += std::min(source, sink);
-    }
-  EXPECT_GT(fixedSeen[1], 0);
-  EXPECT_GT(fixedSeen[2], 0);
-  EXPECT_NEAR(g->m_flow, flow, 1e-4 * flow);
-  expectBoxNlinks();
-
-  // A second fill of the same graph starts from scratch.
-  hybrid->constructGraphZIRK_Whole_Image();
-  EXPECT_EQ(hybrid->m_graph->m_nodeCount, 12 * 9);
-  EXPECT_NEAR(hybrid->m_graph->m_flow, flow, 1e-4 * flow);
-  expectBoxNlinks();
-}
-
-TEST_F(CoreGraphConstruction, GreyBoxUsesTextureFeaturesAndTheTieRule) {
-  std::mt19937 rng(5);
-  randomWeights(15, 12, rng);
-  setBox(2, 5, 10, 6);
-  randomCrops(10, 6, rng, {0, 3, 4});
-  ZIRKSEMarker::m_isGreyScale = true;
-  ZIRKSEMarker::m_texHor = coretest::randomImage(15, 12, 1, rng);
-  ZIRKSEMarker::m_texVer = coretest::randomImage(15, 12, 1, rng);
-  hybrid->graphSpaceAllocator();
-
-  // Distinct models: each pixel is described by (intensity, texture at the
-  // pixel's place in the whole image).
-  hybrid->constructGraphZIRK_Whole_Image();
-  for (int y = 0; y < 6; ++y)
-    for (int x = 0; x < 10; ++x) {
-      const pixelVal p{double(at(hybrid->m_cropSrcImage, x, y)[0]),
-                       double(*at(ZIRKSEMarker::m_texHor, x + 2, y + 5)),
-                       double(*at(ZIRKSEMarker::m_texVer, x + 2, y + 5))};
-      const float source = static_cast<float>(-std::log(hybrid->m_bgModel.GMMProb(p)));
-      const float sink = static_cast<float>(-std::log(hybrid->m_fgModel.GMMProb(p)));
-      ASSERT_FLOAT_EQ(hybrid->m_graph->m_nodes[y * 10 + x].tr_cap, source - sink) << x << "," << y;
-    }
-  expectBoxNlinks();
-
-  // Identical models cannot tell any pixel apart: no terminal pull is left
-  // and everything went into the flow.
-  hybrid->m_bgModel = hybrid->m_fgModel;
-  hybrid->constructGraphZIRK_Whole_Image();
-  double flow = 0.0;
-  for (int y = 0; y < 6; ++y)
-    for (int x = 0; x < 10; ++x) {
-      const pixelVal p{double(at(hybrid->m_cropSrcImage, x, y)[0]),
-                       double(*at(ZIRKSEMarker::m_texHor, x + 2, y + 5)),
-                       double(*at(ZIRKSEMarker::m_texVer, x + 2, y + 5))};
-      EXPECT_EQ(hybrid->m_graph->m_nodes[y * 10 + x].tr_cap, 0.0f);
-      flow += static_cast<float>(-std::log(hybrid->m_fgModel.GMMProb(p)));
-    }
-  EXPECT_NEAR(hybrid->m_graph->m_flow, flow, 1e-4 * flow);
-}
-
-TEST_F(CoreGraphConstruction, WidthOneBoxHasOnlyUpLinks) {
-  std::mt19937 rng(9);
-  randomWeights(4, 8, rng);
-  setBox(3, 1, 1, 6);
-  randomCrops(1, 6, rng, {0});
-  hybrid->graphSpaceAllocator();
-  hybrid->constructGraphZIRK_Whole_Image();
-  for (int p = 0; p < 6; ++p)
-    for (int k = 0; k < 4; ++k) EXPECT_EQ(arc(hybrid->m_graph, p, k, 0) == -2.0f, k != 2 || p == 0) << p << " " << k;
-  expectBoxNlinks();
-}
-
-TEST_F(CoreGraphConstruction, MismatchedBoxIsRefused) {
-  std::mt19937 rng(1);
-  randomWeights(10, 10, rng);
-  setBox(5, 5, 8, 4);  // leaves the working image on the right
-  randomCrops(8, 4, rng, {0});
-  hybrid->graphSpaceAllocator();
+// Random images (a narrow value range included), a uniform one (beta 0:
+// every weight 1, diagonals 1/sqrt 2) and 0/255 checkerboards: at 100 x 100
+// the sum lies between 2^31 and 2^32 (negative once wrapped: beta 0), at
+// 150 x 150 it passes 2^32 and wraps to a small positive value.
+TEST_F(CoreGraph, WeightsFollowTheContrastFormula) {
+  std::mt19937 rng(20240611);
+  struct Case {
+    int w, h, lo, hi;
+  } cases[] = {{2, 1, 0, 255},  {2, 2, 0, 255},     {3, 5, 0, 255}, {17, 11, 0, 255}, {64, 48, 0, 255},
+               {40, 30, 100, 110}, {31, 2, 0, 1}, {5, 40, 0, 255}, {9, 7, 77, 77},   {100, 100, -1, -1},
+               {150, 150, -1, -1}};
+  for (const Case& c : cases) {
+    const std::string what = std::to_string(c.w) + "x" + std::to_string(c.h);
+    IplImage* img = segtest::randomImage(c.w, c.h, 3, rng, std::max(c.lo, 0), std::max(c.hi, 0));
+    for (int y = 0; y < c.h && c.lo < 0; ++y)
+      for (int x = (y & 1); x < c.w; x += 2) segtest::fillRect(img, x, y, x + 1, y + 1, 255);
+    setWorkingImage(img);
+    hybrid->computeNlinks();
+    const double beta = referenceBeta(img);
+    if (c.lo < 0) { EXPECT_EQ(beta == 0.0, c.w == 100) << "the case no longer wraps"; }
+    EXPECT_NEAR(hybrid->m_beta, beta, 1e-12 * beta) << what;
+    for (int p = 0; p < c.w * c.h; ++p)
+      for (int k = 0; k < 4; ++k) {
+        const int x = p % c.w, y = p / c.w, qx = x + kDx[k], qy = y + kDy[k];
+        double want = 0.0;  // no neighbour
+        if (qx >= 0 && qy >= 0 && qx < c.w)
+          want = std::exp(-beta * squaredDistance(img, x, y, qx, qy)) * (k % 2 ? kDiagonal : 1.0);
+        ASSERT_NEAR(hybrid->m_nlinks[p * 4 + k], want, 1e-6 + 2e-5 * want)
+            << what << " slot " << k << " at " << p;
+      }
+  }
+  // A single pixel has no pairs: refused, zero weights.
   LogCapture log;
-  hybrid->constructGraphZIRK_Whole_Image();
-  EXPECT_EQ(log.countPrefix("Error", "constructGraphZIRK_Whole_Image"), 1) << log.dump();
-  EXPECT_EQ(hybrid->m_graph->m_nodeCount, 0);
-  hybrid->graphSpaceDellocator();
-  hybrid->constructGraphZIRK_Whole_Image();  // no graph: refused as well
-  EXPECT_EQ(log.countPrefix("Error", "constructGraphZIRK_Whole_Image"), 2) << log.dump();
+  setWorkingImage(segtest::filledImage(1, 1, 3, 9));
+  hybrid->computeNlinks();
+  EXPECT_EQ(log.countPrefix("Error", "computeNlinks"), 1) << log.dump();
+  EXPECT_EQ(hybrid->m_beta, 0.0);
+  for (int k = 0; k < 4; ++k) EXPECT_EQ(hybrid->m_nlinks[k], 0.0f) << k;
 }
 
-class CoreTrimapGraph : public CoreGraphConstruction {
- protected:
-  // D(P, Q) * factor against the direct exponential of the colour distance.
-  double contrast(IplImage* img, int x0, int y0, int x1, int y1) {
-    int s = 0;
-    for (int c = 0; c < 3; ++c) {
-      const int d = at(img, x0, y0)[c] - at(img, x1, y1)[c];
-      s += d * d;
+// Box graphs (filled twice: the second fill starts from scratch) over random
+// weights, crops and labels: colour, grey (features are the intensity and the
+// texture maps at the pixel's place in the whole image), one pixel wide.
+TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
+  struct Case {
+    int imageW, imageH, x0, y0, w, h;
+    bool grey;
+  } cases[] = {{23, 17, 4, 3, 12, 9, false}, {15, 12, 2, 5, 10, 6, true}, {4, 8, 3, 1, 1, 6, false}};
+  std::mt19937 rng(11);
+  for (const Case& c : cases) {
+    hybrid = std::make_unique<ZIRKSEHybrid>();
+    makeModels();
+    hybrid->m_width = c.imageW;
+    hybrid->m_height = c.imageH;
+    const int slots = 4 * c.imageW * c.imageH;
+    hybrid->m_nlinks = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * slots, "test", 1));
+    for (int i = 0; i < slots; ++i) hybrid->m_nlinks[i] = (rng() % 1000) / 1000.0f;
+    setBox(c.x0, c.y0, c.w, c.h);
+    hybrid->m_cropSrcImage = segtest::randomImage(c.w, c.h, 3, rng);
+    hybrid->m_cropLabelImage = segtest::randomImage(c.w, c.h, 1, rng, 0, 4);
+    ZIRKSEMarker::m_isGreyScale = c.grey;
+    ZIRK_ReleaseImage(&ZIRKSEMarker::m_texHor);
+    ZIRK_ReleaseImage(&ZIRKSEMarker::m_texVer);
+    ZIRKSEMarker::m_texHor = segtest::randomImage(c.imageW, c.imageH, 1, rng);
+    ZIRKSEMarker::m_texVer = segtest::randomImage(c.imageW, c.imageH, 1, rng);
+    hybrid->m_lamda = 13.513;
+    hybrid->graphSpaceAllocator();
+    for (int fill = 0; fill < 2; ++fill) {
+      hybrid->constructGraphZIRK();
+      const ZIRKSEGraph* g = hybrid->m_graph;
+      ASSERT_EQ(g->m_nodeCount, c.w * c.h);
+      double flow = 0.0;
+      for (int p = 0; p < c.w * c.h; ++p) {
+        const int x = p % c.w, y = p / c.w, X = x + c.x0, Y = y + c.y0;
+        const uint8_t* rgb = &at(hybrid->m_cropSrcImage, x, y);
+        IplImage *texH = ZIRKSEMarker::m_texHor, *texV = ZIRKSEMarker::m_texVer;
+        auto t = c.grey ? terminals(rgb[0], at(texH, X, Y), at(texV, X, Y))
+                        : terminals(rgb[0], rgb[1], rgb[2]);
+        const uint8_t label = at(hybrid->m_cropLabelImage, x, y);
+        if (label == 1 || label == 2) t = {label == 2 ? 1000.0f : 0.0f, label == 1 ? 1000.0f : 0.0f};
+        ASSERT_FLOAT_EQ(g->m_nodes[p].tr_cap, t.first - t.second) << x << "," << y;
+        flow += std::min(t.first, t.second);
+        for (int k = 0; k < 4; ++k)
+          expectArc(g, p, k, x + kDx[k] >= 0 && y + kDy[k] >= 0 && x + kDx[k] < c.w,
+                    13.513 * hybrid->m_nlinks[(Y * c.imageW + X) * 4 + k]);
+      }
+      EXPECT_NEAR(g->m_flow, flow, 1e-4 * flow);
     }
-    return std::exp(-hybrid->m_beta * s);
   }
-};
+}
 
-TEST_F(CoreTrimapGraph, BandLinksFollowTrimapAndContrast) {
+// The refinement band's graph: trimap 1/2 fixed, 7 outside the band with no
+// links at all (such pixels stay free after the cut), horizontal links lamda,
+// the others lamda times the contrast (diagonals by 1/sqrt 2); grey mode
+// takes the feature images.
+TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
   std::mt19937 rng(17);
-  const int w = 11, h = 8;
-  IplImage* colour = coretest::randomImage(w, h, 3, rng, 60, 180);
-  IplImage* trimap = coretest::filledImage(w, h, 1, 0);
-  std::uniform_int_distribution<int> pick(0, 5);
-  const int values[6] = {0, 0, 1, 2, 7, 0};
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) *at(trimap, x, y) = static_cast<uint8_t>(values[pick(rng)]);
-  hybrid->m_boundWidthTrimap = w;
-  hybrid->m_boundHeightTrimap = h;
-  hybrid->m_beta = 0.0007;
-  hybrid->m_lamda = 50.0;
-
-  ASSERT_EQ(hybrid->constructGraphTrimapZIRK(colour, nullptr, trimap, nullptr, nullptr), 0);
-  ZIRKSEGraph* g = hybrid->m_trimapGraph;
-  ASSERT_NE(g, nullptr);
-  ASSERT_EQ(g->m_nodeCount, w * h);
-  int outside = 0;
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) {
-      const int p = y * w + x;
-      const uint8_t label = *at(trimap, x, y);
-      const uint8_t* c = at(colour, x, y);
-      const pixelVal v{double(c[0]), double(c[1]), double(c[2])};
-      float expected = -static_cast<float>(std::log(hybrid->m_bgModel.GMMProb(v))) +
-                       static_cast<float>(std::log(hybrid->m_fgModel.GMMProb(v)));
-      if (label == 1) expected = -1000.0f;
-      if (label == 2) expected = 1000.0f;
-      if (label == 7) expected = 0.0f, ++outside;
-      ASSERT_FLOAT_EQ(g->m_nodes[p].tr_cap, expected) << x << "," << y;
+  makeModels();
+  for (const bool grey : {false, true}) {
+    const int w = grey ? 1 : 11, h = grey ? 7 : 8;
+    IplImage* colour = segtest::randomImage(w, h, 3, rng, 60, 180);
+    IplImage* fa = segtest::randomImage(w, h, 1, rng);
+    IplImage* fb = segtest::randomImage(w, h, 1, rng);
+    IplImage* trimap = segtest::randomImage(w, h, 1, rng, 0, 5);
+    const uint8_t values[6] = {0, 0, 1, 2, 7, 0};
+    for (int i = 0; i < w * h; ++i) at(trimap, i % w, i / w) = values[at(trimap, i % w, i / w)];
+    hybrid->m_boundWidthTrimap = w;
+    hybrid->m_boundHeightTrimap = h;
+    hybrid->m_beta = 0.0007;
+    hybrid->m_lamda = 50.0;
+    ZIRKSEMarker::m_isGreyScale = grey;
+    ASSERT_EQ(hybrid->constructGraphTrimapZIRK(colour, nullptr, trimap, fa, fb), 0);
+    ZIRKSEGraph* g = hybrid->m_trimapGraph;
+    ASSERT_EQ(g->m_nodeCount, w * h);
+    for (int p = 0; p < w * h; ++p) {
+      const int x = p % w, y = p / w, label = at(trimap, x, y);
+      const uint8_t* c = &at(colour, x, y);
+      const auto t = grey ? terminals(c[0], at(fa, x, y), at(fb, x, y)) : terminals(c[0], c[1], c[2]);
+      const float fixed[8] = {0, -1000, 1000, 0, 0, 0, 0, 0};
+      const bool modelled = label == 0 || label == 3 || label == 4;
+      ASSERT_FLOAT_EQ(g->m_nodes[p].tr_cap, modelled ? t.first - t.second : fixed[label]) << p;
       for (int k = 0; k < 4; ++k) {
         const int qx = x + kDx[k], qy = y + kDy[k];
-        const bool present = label != 7 && qx >= 0 && qy >= 0 && qx < w && *at(trimap, qx, qy) != 7;
-        if (!present) {
-          ASSERT_EQ(arc(g, p, k, 0), -2.0f) << p << " slot " << k;
-          ASSERT_EQ(arc(g, p, k, 1), -2.0f) << p << " slot " << k;
-          continue;
-        }
-        double want = 50.0;  // horizontal links carry no contrast
-        if (k == 2) want = 50.0 * contrast(colour, x, y, qx, qy);
-        if (k == 1 || k == 3) want = 50.0 * 0.7071067932881648 * contrast(colour, x, y, qx, qy);
-        ASSERT_NEAR(arc(g, p, k, 0), want, 2e-5 * want) << p << " slot " << k;
-        ASSERT_EQ(arc(g, p, k, 0), arc(g, p, k, 1));
+        const bool present = label != 7 && qx >= 0 && qy >= 0 && qx < w && at(trimap, qx, qy) != 7;
+        const double contrast = k == 0 ? 1.0 : std::exp(-0.0007 * squaredDistance(colour, x, y, qx, qy));
+        expectArc(g, p, k, present, present ? 50.0 * contrast * (k % 2 ? kDiagonal : 1.0) : 0.0);
       }
     }
-  ASSERT_GT(outside, 0);
-
-  // Pixels outside the band are linked to nothing: they stay free.
-  g->maxFlow();
-  for (int p = 0; p < w * h; ++p)
-    if (*at(trimap, p % w, p / w) == 7) {
-      EXPECT_EQ(g->m_nodes[p].tree, FREE) << p;
-      EXPECT_EQ(g->getTreeofNode(p), 0) << p;
-    }
-
-  // A second call replaces the graph (the first one is released).
-  ASSERT_EQ(hybrid->constructGraphTrimapZIRK(colour, nullptr, trimap, nullptr, nullptr), 0);
-  EXPECT_EQ(hybrid->m_trimapGraph->m_nodeCount, w * h);
-  cvReleaseImage(&colour);
-  cvReleaseImage(&trimap);
-}
-
-TEST_F(CoreTrimapGraph, GreyBandUsesFeatureImagesAndWidthOneHasOnlyUpLinks) {
-  std::mt19937 rng(23);
-  const int w = 1, h = 7;
-  IplImage* colour = coretest::randomImage(w, h, 3, rng);
-  IplImage* trimap = coretest::filledImage(w, h, 1, 0);
-  IplImage* fa = coretest::randomImage(w, h, 1, rng);
-  IplImage* fb = coretest::randomImage(w, h, 1, rng);
-  hybrid->m_boundWidthTrimap = w;
-  hybrid->m_boundHeightTrimap = h;
-  hybrid->m_beta = 0.001;
-  ZIRKSEMarker::m_isGreyScale = true;
-  ASSERT_EQ(hybrid->constructGraphTrimapZIRK(colour, nullptr, trimap, fa, fb), 0);
-  const ZIRKSEGraph* g = hybrid->m_trimapGraph;
-  for (int y = 0; y < h; ++y) {
-    const pixelVal v{double(at(colour, 0, y)[0]), double(*at(fa, 0, y)), double(*at(fb, 0, y))};
-    const float expected = -static_cast<float>(std::log(hybrid->m_bgModel.GMMProb(v))) +
-                           static_cast<float>(std::log(hybrid->m_fgModel.GMMProb(v)));
-    EXPECT_FLOAT_EQ(g->m_nodes[y].tr_cap, expected) << y;
-    for (int k = 0; k < 4; ++k) EXPECT_EQ(arc(g, y, k, 0) == -2.0f, k != 2 || y == 0) << y << " " << k;
+    g->maxFlow();
+    for (int p = 0; p < w * h; ++p)
+      if (at(trimap, p % w, p / w) == 7) { EXPECT_EQ(g->m_nodes[p].tree, FREE) << p; }
+    for (IplImage* img : {colour, trimap, fa, fb}) cvReleaseImage(&img);
   }
-  // Grey mode without feature images is refused.
-  LogCapture log;
-  EXPECT_EQ(hybrid->constructGraphTrimapZIRK(colour, nullptr, trimap, nullptr, nullptr), 1);
-  EXPECT_EQ(log.countPrefix("Error", "constructGraphTrimapZIRK"), 1) << log.dump();
-  EXPECT_EQ(hybrid->m_trimapGraph, nullptr);
-  for (IplImage* img : {colour, trimap, fa, fb}) cvReleaseImage(&img);
 }
 
 }  // namespace

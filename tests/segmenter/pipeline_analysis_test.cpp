@@ -1,110 +1,66 @@
-// Image analysis: grey test, texture maps, the border and contrast tests of a
-// trial result, and the box tightening.
-#include <gtest/gtest.h>
-
+// Image analysis (grey test, texture maps, the border test of a trial result,
+// the box tightening) and the choice among the trials.
 #include <cstdlib>
 #include <random>
 
-#include "pipeline_support.h"
-#include "segmenter/ZIRKSEHybrid.h"
-
-using pipeline_test::at;
-using pipeline_test::fillRect;
-using pipeline_test::makeImage;
+#include "support.h"
 
 namespace {
 
-class PipelineAnalysis : public ::testing::Test {
- protected:
-  void TearDown() override { pipeline_test::resetEngineState(); }
-  ZIRKSEHybrid hybrid;
-};
+using segtest::at;
+using segtest::fillRect;
+using segtest::filledImage;
+
+class PipelineAnalysis : public segtest::SegmenterTest {};
 
 TEST_F(PipelineAnalysis, GreyTestThresholdsTheMeanChannelSpread) {
-  IplImage* img = makeImage(2, 2, 3, 100);  // three equal channels: grey
-  EXPECT_TRUE(hybrid.greyScaleTest(img));
-  at(img, 1, 0, 2) = 103;  // mean spread 3/4: still grey
-  EXPECT_TRUE(hybrid.greyScaleTest(img));
-  at(img, 1, 0, 2) = 104;  // mean spread exactly 1: colour
-  EXPECT_FALSE(hybrid.greyScaleTest(img));
+  IplImage* img = filledImage(2, 2, 3, 100);
+  for (const int blue : {100, 103, 104}) {  // mean spread 0, 3/4 (grey), exactly 1 (colour)
+    at(img, 1, 0, 2) = static_cast<uint8_t>(blue);
+    EXPECT_EQ(hybrid->greyScaleTest(img), blue != 104) << blue;
+  }
   cvReleaseImage(&img);
 }
 
-// Texture maps against their per-pixel definition, on odd shapes included.
+// Neighbour differences of channel 0; row 0 looks down, the last column looks
+// left, and its vertical step reads the byte at offset w - 1 of each row.
 TEST_F(PipelineAnalysis, TextureMapsMatchNeighbourDifferences) {
   std::mt19937 rng(11);
-  const int sizes[][2] = {{7, 5}, {1, 4}, {5, 1}};
-  for (const auto& s : sizes) {
-    const int w = s[0], h = s[1];
-    IplImage* src = makeImage(w, h, 3, 0);
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x)
-        for (int c = 0; c < 3; ++c) at(src, x, y, c) = static_cast<uint8_t>(rng() % 256);
+  for (const cv::Size size : {cv::Size(7, 5), cv::Size(1, 4), cv::Size(5, 1)}) {
+    const int w = size.width, h = size.height;
+    IplImage* src = segtest::randomImage(w, h, 3, rng);
+    ZIRK_ReleaseImage(&ZIRKSEMarker::m_srcImage);
     ZIRKSEMarker::m_srcImage = src;
-    hybrid.computeTexture();
-    ASSERT_NE(ZIRKSEMarker::m_texHor, nullptr);
-    ASSERT_NE(ZIRKSEMarker::m_texVer, nullptr);
-    auto s0 = [&](int x, int y) { return static_cast<int>(at(src, x, y, 0)); };
-    auto byteAt = [&](int offset, int y) {
-      return static_cast<int>(reinterpret_cast<uint8_t*>(src->imageData)[y * src->widthStep + offset]);
-    };
-    for (int y = 0; y < h; ++y) {
+    hybrid->computeTexture();
+    auto s = [&](int x, int y) { return static_cast<int>(at(src, x, y)); };
+    for (int y = 0; y < h; ++y)
       for (int x = 0; x < w; ++x) {
         int hor = 0, ver = 0;
         if (x + 1 < w) {
-          hor = std::abs(s0(x + 1, y) - s0(x, y));
-          if (y > 0) ver = std::abs(s0(x, y - 1) - s0(x, y));
-          else if (h > 1) ver = std::abs(s0(x, 1) - s0(x, 0));
+          hor = std::abs(s(x + 1, y) - s(x, y));
+          if (h > 1) ver = y > 0 ? std::abs(s(x, y - 1) - s(x, y)) : std::abs(s(x, 1) - s(x, 0));
         } else if (y > 0 && w > 1) {
-          hor = std::abs(s0(w - 2, y) - s0(w - 1, y));
-          ver = std::abs(byteAt(w - 1, y - 1) - byteAt(w - 1, y));
+          hor = std::abs(s(w - 2, y) - s(w - 1, y));
+          ver = std::abs(at(src, 0, y - 1, w - 1) - at(src, 0, y, w - 1));
         }
         EXPECT_EQ(at(ZIRKSEMarker::m_texHor, x, y), hor) << w << "x" << h << " at " << x << "," << y;
         EXPECT_EQ(at(ZIRKSEMarker::m_texVer, x, y), ver) << w << "x" << h << " at " << x << "," << y;
       }
-    }
-    pipeline_test::resetEngineState();
   }
 }
 
 TEST_F(PipelineAnalysis, BoundaryTestMeasuresFarSidesFromTheEdge) {
-  IplImage* mask = makeImage(100, 100, 1, 0);
-  // White columns/rows [x0, x1) x [y0, 91); tx = ty = 15; far side W - xmax.
+  IplImage* mask = filledImage(100, 100, 1, 0);
+  // White columns [x0, x1) of rows 10..90; tx = 15; far side W - xmax.
   const struct { int x0, x1; bool spans; } cases[] = {
       {10, 91, true}, {20, 91, false}, {0, 86, false}, {0, 87, true}};
   for (const auto& c : cases) {
     cvSetZero(mask);
     fillRect(mask, c.x0, 10, c.x1, 91, 255);
-    EXPECT_EQ(hybrid.boundaryTest(mask, 0.15f), c.spans) << c.x0 << ".." << c.x1 - 1;
+    EXPECT_EQ(hybrid->boundaryTest(mask, 0.15f), c.spans) << c.x0 << ".." << c.x1 - 1;
   }
-  cvSet(mask, cvScalarAll(254), nullptr);  // only 255 counts: empty
-  EXPECT_FALSE(hybrid.boundaryTest(mask, 0.15f));
-  cvReleaseImage(&mask);
-}
-
-// Contrast across the boundary against contrast inside the object.
-TEST_F(PipelineAnalysis, IntensityTestComparesBoundaryAndInsideContrast) {
-  IplImage* crop = makeImage(40, 30, 3, 128);
-  IplImage* mask = makeImage(40, 30, 1, 0);
-  hybrid.m_cropSrcImage = crop;  // released by the object
-
-  // A flat bright block: no contrast inside, strong across: 1.
-  fillRect(crop, 5, 5, 20, 20, 230);
-  fillRect(mask, 5, 5, 20, 20, 255);
-  EXPECT_EQ(hybrid.intensityTest(mask), 1);
-
-  // Vertical black/white stripes inside: stronger inside than across: 2.
-  for (int y = 5; y < 20; ++y)
-    for (int x = 5; x < 20; ++x)
-      for (int c = 0; c < 3; ++c) at(crop, x, y, c) = (x % 2 == 0) ? 0 : 255;
-  EXPECT_EQ(hybrid.intensityTest(mask), 2);
-
-  // White pixels only on the image border are never visited: 2.
-  cvSetZero(mask);
-  fillRect(mask, 0, 0, 40, 1, 255);
-  fillRect(mask, 0, 0, 1, 30, 255);
-  EXPECT_EQ(hybrid.intensityTest(mask), 2);
-
+  cvSet(mask, cvScalarAll(254));  // only 255 counts: empty
+  EXPECT_FALSE(hybrid->boundaryTest(mask, 0.15f));
   cvReleaseImage(&mask);
 }
 
@@ -112,40 +68,152 @@ TEST_F(PipelineAnalysis, IntensityTestComparesBoundaryAndInsideContrast) {
 // closes in on the object plus at most a few lines of smooth ground, and
 // everything it gives up (and its own rim) becomes fixed background.
 TEST_F(PipelineAnalysis, PreProcessTightensAroundStructureOnly) {
-  ZIRKSEMarker::m_srcImage = makeImage(120, 90, 3, 128);
-  ZIRKSEMarker::m_labelImage = makeImage(120, 90, 1, 4);
-  ZIRKSEMarker::m_width = hybrid.m_width = 120;
-  ZIRKSEMarker::m_height = hybrid.m_height = 90;
-  auto setBox = [&] {
-    ZIRKSEMarker::m_xMinBBox = ZIRKSEMarker::m_yMinBBox = 5;
-    hybrid.m_cropWidth = 110;
-    hybrid.m_cropHeight = 80;
+  setWorkingImage(filledImage(120, 90, 3, 128));
+  ZIRKSEMarker::m_labelImage = filledImage(120, 90, 1, 4);
+  setBox(5, 5, 110, 80);
+  hybrid->preProcess();
+  auto box = [&] {
+    return cv::Rect(ZIRKSEMarker::m_xMinBBox, ZIRKSEMarker::m_yMinBBox, hybrid->m_cropWidth,
+                    hybrid->m_cropHeight);
   };
-  setBox();
-  hybrid.preProcess();
-  EXPECT_EQ(ZIRKSEMarker::m_xMinBBox, 5);
-  EXPECT_EQ(ZIRKSEMarker::m_yMinBBox, 5);
-  EXPECT_EQ(hybrid.m_cropWidth, 110);
-  EXPECT_EQ(hybrid.m_cropHeight, 80);
-  EXPECT_EQ(cv::countNonZero(cv::cvarrToMat(ZIRKSEMarker::m_labelImage) != 4), 0);
+  EXPECT_EQ(box(), cv::Rect(5, 5, 110, 80));
+  EXPECT_EQ(cv::countNonZero(segtest::view(ZIRKSEMarker::m_labelImage) != 4), 0);
 
-  std::mt19937 rng(3);
-  const int ox0 = 40, oy0 = 30, ox1 = 80, oy1 = 60;  // object [ox0, ox1) x [oy0, oy1)
-  for (int y = oy0; y < oy1; ++y)
-    for (int x = ox0; x < ox1; ++x) fillRect(ZIRKSEMarker::m_srcImage, x, y, x + 1, y + 1, static_cast<uint8_t>(rng()));
-  setBox();
-  hybrid.preProcess();
-  const int bx0 = ZIRKSEMarker::m_xMinBBox, by0 = ZIRKSEMarker::m_yMinBBox;
-  const int bx1 = bx0 + hybrid.m_cropWidth, by1 = by0 + hybrid.m_cropHeight;
-  EXPECT_TRUE(bx0 < ox0 && by0 < oy0 && bx1 > ox1 && by1 > oy1) << bx0 << " " << by0;
-  EXPECT_TRUE(bx0 >= ox0 - 10 && by0 >= oy0 - 10 && bx1 <= ox1 + 10 && by1 <= oy1 + 10);
-  for (int y = 0; y < 90; ++y) {
-    for (int x = 0; x < 120; ++x) {
-      const bool inOldBox = x >= 5 && x < 115 && y >= 5 && y < 85;
-      const bool insideNewRim = x > bx0 && x < bx1 - 1 && y > by0 && y < by1 - 1;
-      ASSERT_EQ(at(ZIRKSEMarker::m_labelImage, x, y), inOldBox && !insideNewRim ? 1 : 4)
-          << x << "," << y;
-    }
+  const cv::Rect object(40, 30, 40, 30);
+  cv::Mat noise(object.size(), CV_8U), roi = segtest::view(ZIRKSEMarker::m_srcImage)(object);
+  cv::RNG(3).fill(noise, cv::RNG::UNIFORM, 0, 256);
+  cv::Mat channels[] = {noise, noise, noise};
+  cv::merge(channels, 3, roi);
+  setBox(5, 5, 110, 80);
+  hybrid->preProcess();
+  const cv::Rect b = box();
+  EXPECT_TRUE(b.x < 40 && b.y < 30 && b.br().x > 80 && b.br().y > 60) << b;
+  EXPECT_EQ(b & cv::Rect(30, 20, 60, 50), b) << b;  // at most 10 lines of ground
+  cv::Mat want(90, 120, CV_8U, cv::Scalar(4));
+  want(cv::Rect(5, 5, 110, 80)).setTo(1);
+  want(cv::Rect(b.x + 1, b.y + 1, b.width - 2, b.height - 2)).setTo(4);
+  EXPECT_EQ(cv::countNonZero(segtest::view(ZIRKSEMarker::m_labelImage) != want), 0);
+}
+
+// The choice of the smoothness weight among the three trials, and the final
+// edge check of homogenous images. Trials are built by hand: a crop of flat
+// grey 128 in which each trial's object is painted either as a flat bright
+// block (its boundary contrast beats the inside: passes the contrast test)
+// or as black/white stripes (inside contrast wins: fails it).
+class PipelineLamda : public segtest::SegmenterTest {
+ protected:
+  void SetUp() override {
+    hybrid->m_cropSrcImage = filledImage(80, 60, 3, 128);
+    hybrid->m_cropLabelImage = filledImage(80, 60, 1, 3);
+    hybrid->m_initLabelImage = filledImage(80, 60, 1, 0);
+    fillRect(hybrid->m_initLabelImage, 30, 20, 50, 40, 2);  // the user's marks
+    for (IplImage*& h : hybrid->m_labelHistory) h = filledImage(80, 60, 1, 3);
+  }
+  // Trial i's object is [x0, x1) x [y0, y1) alone, passing the contrast test or not.
+  void trial(int i, int x0, int y0, int x1, int y1, bool passes) {
+    cvSet(hybrid->m_labelHistory[i], cvScalarAll(3));
+    fillRect(hybrid->m_labelHistory[i], x0, y0, x1, y1, 4);
+    fillRect(hybrid->m_cropSrcImage, x0, y0, x1, y1, 230);
+    for (int x = x0; x < x1 && !passes; x += 2) fillRect(hybrid->m_cropSrcImage, x, y0, x + 1, y1, 0);
+  }
+  int choose() { return hybrid->optimalLamda(hybrid->m_labelHistory, nullptr); }
+  // The run that follows the choice: its return, weight and starting labels.
+  void expectRun(int index, int status, double lamda, IplImage* labels) {
+    EXPECT_EQ(hybrid->parallelLamdaSwtich(index), status);
+    EXPECT_EQ(hybrid->m_lamda, lamda);
+    EXPECT_TRUE(same(hybrid->m_cropLabelImage, labels));
+  }
+  static bool same(IplImage* a, IplImage* b) {
+    return cv::countNonZero(segtest::view(a) != segtest::view(b)) == 0;
+  }
+};
+
+// Trials use truncated weights (13.513 runs as 13) and start from the user's labels.
+TEST_F(PipelineLamda, TrialsRunTruncatedWeightsFromTheUserLabels) {
+  const double colour[3] = {50.0, 13.0, 8.0}, grey[3] = {15.0, 10.0, 7.0};
+  for (int i = 0; i < 3; ++i) {
+    ZIRKSEMarker::m_isGreyScale = false;
+    cvSet(hybrid->m_cropLabelImage, cvScalarAll(4));
+    expectRun(i, i == 0 ? 0 : 2, colour[i], hybrid->m_initLabelImage);
+    ZIRKSEMarker::m_isGreyScale = true;
+    hybrid->parallelLamdaSwtich(i);
+    EXPECT_EQ(hybrid->m_lamda, grey[i]);
+  }
+  EXPECT_EQ(hybrid->parallelLamdaSwtich(4), 1);  // later iterations only refit
+  EXPECT_EQ(hybrid->m_lamda, 7.0);
+}
+
+TEST_F(PipelineLamda, NoTrialPassingTheContrastTestChoosesTrialZero) {
+  trial(0, 10, 10, 30, 30, false);
+  trial(1, 40, 10, 60, 30, false);
+  trial(2, 10, 35, 40, 55, false);
+  EXPECT_EQ(choose(), 0);
+  expectRun(3, 1, 50.0, hybrid->m_labelHistory[0]);  // trial 0 with its full weight
+}
+
+TEST_F(PipelineLamda, SmallKeptAreaFallsBackWithTheUserLabels) {
+  trial(0, 10, 10, 19, 19, true);  // 81 pixels
+  trial(1, 40, 10, 48, 18, true);  // 64 pixels
+  trial(2, 10, 35, 40, 55, false);
+  EXPECT_EQ(choose(), -1);
+  expectRun(3, 2, 4.0, hybrid->m_initLabelImage);
+  ZIRKSEMarker::m_isGreyScale = true;
+  expectRun(3, 2, 3.0, hybrid->m_initLabelImage);
+}
+
+TEST_F(PipelineLamda, SpanningTrialsPreferTheSmallestAndTiesTheEarlier) {
+  // Trial 0 is empty (fails the contrast test); 1 and 2 span the box equally.
+  trial(1, 4, 4, 76, 56, true);
+  trial(2, 4, 4, 76, 56, true);
+  EXPECT_EQ(choose(), 1);
+  // Chosen, the colour candidate 13.513 is used untruncated.
+  expectRun(3, 1, static_cast<double>(13.513f), hybrid->m_labelHistory[1]);
+  cvSet(hybrid->m_labelHistory[2], cvScalarAll(3));
+  fillRect(hybrid->m_labelHistory[2], 5, 5, 75, 55, 4);  // a smaller spanning object wins
+  EXPECT_EQ(choose(), 2);
+}
+
+// Non-spanning trials are judged by the spread of their areas: similar areas
+// choose the second-last member, very different ones the last; a single
+// member is chosen when large enough. Only the largest parts of a trial
+// count: a crowd of isolated pixels (far more parts than 8-bit labels hold)
+// next to a block leaves the block.
+TEST_F(PipelineLamda, NonSpanningTrialsAreJudgedByTheSpreadOfTheirAreas) {
+  trial(0, 5, 5, 25, 25, true);    // 400
+  trial(2, 40, 5, 59, 25, true);   // 380
+  trial(1, 5, 35, 40, 55, false);
+  EXPECT_EQ(choose(), 0);
+  trial(2, 45, 10, 47, 15, true);  // 10
+  EXPECT_EQ(choose(), 2);
+  cvSet(hybrid->m_labelHistory[2], cvScalarAll(3));
+  EXPECT_EQ(choose(), 0);
+
+  cvSet(hybrid->m_cropSrcImage, cvScalarAll(128));
+  trial(0, 4, 4, 24, 24, true);
+  for (int y = 30; y < 60; y += 2)
+    for (int x = 0; x < 80; x += 2) at(hybrid->m_labelHistory[0], x, y) = 4;  // 600 parts
+  trial(1, 40, 5, 60, 25, false);
+  trial(2, 40, 35, 60, 55, false);
+  EXPECT_EQ(choose(), 0);
+  trial(1, 40, 5, 43, 8, true);  // kept area 400 against 9: the last member
+  EXPECT_EQ(choose(), 1);
+}
+
+// A sharp black square on white. The first trial is the fall-back only when
+// it followed the edges better than the final labels; an empty one never is.
+TEST_F(PipelineLamda, ChooseIterFallsBackToTheFirstTrialOnlyWhenItFollowedTheEdges) {
+  cvSet(hybrid->m_cropSrcImage, cvScalarAll(255));
+  fillRect(hybrid->m_cropSrcImage, 20, 15, 50, 45, 0);
+  const cv::Rect firstTrials[] = {{20, 15, 30, 30}, {60, 5, 15, 7}, {0, 0, 0, 0}};
+  for (const cv::Rect& r : firstTrials) {
+    cvSet(hybrid->m_labelHistory[0], cvScalarAll(3));
+    fillRect(hybrid->m_labelHistory[0], r.x, r.y, r.x + r.width, r.y + r.height, 4);
+    cvSet(hybrid->m_cropLabelImage, cvScalarAll(3));
+    fillRect(hybrid->m_cropLabelImage, 55, 10, 75, 30, 4);  // cuts through flat ground
+    IplImage* before = cvCloneImage(hybrid->m_cropLabelImage);
+    hybrid->chooseIter();
+    EXPECT_TRUE(same(hybrid->m_cropLabelImage, r.x == 20 ? hybrid->m_labelHistory[0] : before)) << r;
+    cvReleaseImage(&before);
   }
 }
 

@@ -124,6 +124,19 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   // True for a graph made by the first constructor (it frees its arrays);
   // false for a block view, which only borrows its parent's arrays.
   bool m_ownsArrays;
+  // A band graph (see graphcut/BandGraph.h): its nodes are a subset of a
+  // pixel grid numbered row by row, and these hold, per node, the index of
+  // the node directly above and below (-1: none). Null for a full grid.
+  // Owned by the graph.
+  int32_t* m_bandUp;
+  int32_t* m_bandDown;
+  // Bookkeeping of the serial solve: per node, the step at which its
+  // distance to its terminal was last confirmed, and that distance, so that
+  // an orphan finds its nearest valid parent without walking every chain to
+  // the root. Null in block views, whose solves walk the chains.
+  int32_t* m_stamp;
+  int32_t* m_dist;
+  int32_t m_time;
 
   // Checks that the arrays hold the whole width x height grid and marks grid
   // nodes and arc slots never added as free nodes and absent arcs. Logs and

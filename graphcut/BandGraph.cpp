@@ -64,14 +64,55 @@ float TrimapLinks::diagonal(const uint8_t* p, const uint8_t* q) const {
   return m_diagonal * contrast(p, q);
 }
 
-BandGraph::BandGraph(const IplImage* trimap, std::vector<int32_t> xmap, std::vector<int32_t> ymap)
+bool TrimapLinks::fixedPixelsAreSettled() const {
+  float most = 0.0f;
+  for (int i = 0; i < 256; ++i) most = std::max(most, m_table[i]);
+  const double contrastBound = static_cast<double>(most) * most * most;
+  // Two horizontal, two vertical and four diagonal links, with a margin for rounding.
+  const double bound = (2.0 * m_horizontal + 2.0 * m_lamda * contrastBound +
+                        4.0 * m_diagonal * contrastBound) * 1.01;
+  return std::isfinite(bound) && bound < kHardLink;
+}
+
+BandGraph::BandGraph(const IplImage* trimap, std::vector<int32_t> xmap, std::vector<int32_t> ymap,
+                     bool unknownOnly)
     : m_trimap(trimap),
       m_xmap(std::move(xmap)),
       m_ymap(std::move(ymap)),
+      m_unknownOnly(unknownOnly),
       m_width(static_cast<int>(m_xmap.size())),
       m_height(static_cast<int>(m_ymap.size())) {
-  const int ws = trimap->width;
-  const int hs = trimap->height;
+  // The bounding rectangle of the band.
+  std::vector<int32_t> bandRuns, bandRowStart;
+  findRuns([](uint8_t l) { return l != kLabelOutsideBand; }, &bandRuns, &bandRowStart);
+  int xmin = INT32_MAX, xmax = -1, ymin = INT32_MAX, ymax = -1;
+  for (int y = 0; y < m_height; ++y) {
+    const int32_t sy = m_ymap[y];
+    const int32_t b = bandRowStart[sy], e = bandRowStart[sy + 1];
+    if (b == e) continue;
+    ymin = std::min(ymin, y);
+    ymax = y;
+    xmin = std::min(xmin, bandRuns[b]);
+    xmax = std::max(xmax, bandRuns[e - 1]);
+  }
+  if (ymax < 0) return;
+  m_xmin = xmin;
+  m_xmax = xmax;
+  m_ymin = ymin;
+  m_ymax = ymax;
+  if (m_unknownOnly) {
+    findRuns([](uint8_t l) { return l == kLabelUnknown; }, &m_linkedRuns, &m_linkedRowStart);
+  } else {
+    m_linkedRuns.swap(bandRuns);
+    m_linkedRowStart.swap(bandRowStart);
+  }
+  layOutNodes();
+}
+
+void BandGraph::findRuns(bool (*keep)(uint8_t), std::vector<int32_t>* runs,
+                         std::vector<int32_t>* rowStart) const {
+  const int ws = m_trimap->width;
+  const int hs = m_trimap->height;
   // Full-size columns of each working column (the maps are monotone).
   std::vector<int32_t> first(ws, INT32_MAX), last(ws, -1);
   for (int x = 0; x < m_width; ++x) {
@@ -79,47 +120,28 @@ BandGraph::BandGraph(const IplImage* trimap, std::vector<int32_t> xmap, std::vec
     first[s] = std::min(first[s], static_cast<int32_t>(x));
     last[s] = std::max(last[s], static_cast<int32_t>(x));
   }
-  // Band runs of every working row, in full-size columns.
-  m_bandRowStart.assign(hs + 1, 0);
+  runs->clear();
+  rowStart->assign(hs + 1, 0);
   for (int sy = 0; sy < hs; ++sy) {
-    m_bandRowStart[sy] = static_cast<int32_t>(m_bandRuns.size());
-    const uint8_t* t = pixelAt(trimap, 0, sy);
+    (*rowStart)[sy] = static_cast<int32_t>(runs->size());
+    const uint8_t* t = pixelAt(m_trimap, 0, sy);
     for (int sx = 0; sx < ws;) {
-      if (t[sx] == kLabelOutsideBand) {
+      if (!keep(t[sx])) {
         ++sx;
         continue;
       }
       int32_t lo = INT32_MAX, hi = -1;
-      for (; sx < ws && t[sx] != kLabelOutsideBand; ++sx) {
+      for (; sx < ws && keep(t[sx]); ++sx) {
         lo = std::min(lo, first[sx]);
         hi = std::max(hi, last[sx]);
       }
       if (hi >= lo) {
-        m_bandRuns.push_back(lo);
-        m_bandRuns.push_back(hi);
+        runs->push_back(lo);
+        runs->push_back(hi);
       }
     }
   }
-  m_bandRowStart[hs] = static_cast<int32_t>(m_bandRuns.size());
-
-  // The bounding rectangle of the band.
-  int xmin = INT32_MAX, xmax = -1, ymin = INT32_MAX, ymax = -1;
-  for (int y = 0; y < m_height; ++y) {
-    const int32_t sy = m_ymap[y];
-    const int32_t b = m_bandRowStart[sy], e = m_bandRowStart[sy + 1];
-    if (b == e) continue;
-    ymin = std::min(ymin, y);
-    ymax = y;
-    xmin = std::min(xmin, m_bandRuns[b]);
-    xmax = std::max(xmax, m_bandRuns[e - 1]);
-  }
-  if (ymax >= 0) {
-    m_xmin = xmin;
-    m_xmax = xmax;
-    m_ymin = ymin;
-    m_ymax = ymax;
-    layOutNodes();
-  }
+  (*rowStart)[hs] = static_cast<int32_t>(runs->size());
 }
 
 bool BandGraph::bounds(int* xmin, int* xmax, int* ymin, int* ymax) const {
@@ -136,8 +158,8 @@ uint8_t BandGraph::label(int x, int y) const {
   return pixelAt(m_trimap, m_xmap[x], m_ymap[y])[0];
 }
 
-// Node runs of each row from one above the band to one below: the band runs
-// of the row and of its two neighbour rows, each widened by one column.
+// Node runs of each row from one above the band to one below: the linked
+// runs of the row and of its two neighbour rows, each widened by one column.
 void BandGraph::layOutNodes() {
   m_rowFirst = m_ymin - 1;
   const int rows = m_ymax - m_ymin + 3;
@@ -151,8 +173,8 @@ void BandGraph::layOutNodes() {
     for (int yy = y - 1; yy <= y + 1; ++yy) {
       if (yy < 0 || yy >= m_height) continue;
       const int32_t sy = m_ymap[yy];
-      for (int32_t i = m_bandRowStart[sy]; i < m_bandRowStart[sy + 1]; i += 2)
-        pieces.emplace_back(m_bandRuns[i] - 1, m_bandRuns[i + 1] + 1);
+      for (int32_t i = m_linkedRowStart[sy]; i < m_linkedRowStart[sy + 1]; i += 2)
+        pieces.emplace_back(m_linkedRuns[i] - 1, m_linkedRuns[i + 1] + 1);
     }
     std::sort(pieces.begin(), pieces.end());
     for (const auto& piece : pieces) {
@@ -220,28 +242,43 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
     const int y = m_rowFirst + row;
     forEachNodeInRow(y, [&](int x, int, int32_t p) {
       const uint8_t l = label(x, y);
-      if (l == kLabelOutsideBand) {
+      if (!linked(l)) {
         for (int k = 0; k < 4; ++k) g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
         return;
       }
       const uint8_t* c = pixelAt(colour, x, y);
+      // The capacity of the link to neighbour (x + dx, y + dy).
+      auto link = [&](int dx, int dy) {
+        if (dy == 0) return links.horizontal();
+        const uint8_t* q = pixelAt(colour, x + dx, y + dy);
+        return dx == 0 ? links.vertical(c, q) : links.diagonal(c, q);
+      };
       const uint8_t fa = grey ? pixelAt(texA, m_xmap[x], m_ymap[y])[0] : 0;
       const uint8_t fb = grey ? pixelAt(texB, m_xmap[x], m_ymap[y])[0] : 0;
       float source, sink;
       links.terminal(l, c, fa, fb, &source, &sink);
+      if (m_unknownOnly) {
+        // Links to merged fixed pixels lead straight to their terminal.
+        for (int dy = -1; dy <= 1; ++dy) {
+          for (int dx = -1; dx <= 1; ++dx) {
+            const uint8_t n = (dx | dy) != 0 ? label(x + dx, y + dy) : uint8_t{kLabelOutsideBand};
+            if (n == kLabelObjectFixed) source += link(dx, dy);
+            if (n == kLabelBackgroundFixed) sink += link(dx, dy);
+          }
+        }
+      }
       g->addtWeights(p, source, sink);
-      // Links to the left, up-left, up and up-right neighbours that are in the band.
-      if (label(x - 1, y) != kLabelOutsideBand)
+      // Links to the left, up-left, up and up-right neighbours that are linked too.
+      if (linked(label(x - 1, y)))
         g->addEdge(p, p - 1, links.horizontal(), links.horizontal(), false);
       else
         g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
       for (int dx = -1; dx <= 1; ++dx) {
-        if (label(x + dx, y - 1) == kLabelOutsideBand) {
+        if (!linked(label(x + dx, y - 1))) {
           g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
           continue;
         }
-        const uint8_t* q = pixelAt(colour, x + dx, y - 1);
-        const float cap = dx == 0 ? links.vertical(c, q) : links.diagonal(c, q);
+        const float cap = link(dx, -1);
         g->addEdge(p, up[p] + dx, cap, cap, false);
       }
     });

@@ -42,6 +42,10 @@ class TrimapLinks {
   float horizontal() const { return m_horizontal; }
   float vertical(const uint8_t* p, const uint8_t* q) const;
   float diagonal(const uint8_t* p, const uint8_t* q) const;
+  // True when a fixed pixel's hard link (1000) exceeds anything its eight
+  // links could ever carry: its side of every minimum cut is then settled,
+  // and it can be merged into its terminal.
+  bool fixedPixelsAreSettled() const;
 
  private:
   float contrast(const uint8_t* p, const uint8_t* q) const;
@@ -65,8 +69,13 @@ class BandGraph {
 
   // trimap: working size, 0/1/2 in the band, 7 outside. xmap (width
   // entries) and ymap (height entries) map full columns and rows to working
-  // ones.
-  BandGraph(const IplImage* trimap, std::vector<int32_t> xmap, std::vector<int32_t> ymap);
+  // ones. With unknownOnly, only the unknown pixels (0) get links: the fixed
+  // ones (1, 2) are merged into their terminal, their links to unknown
+  // pixels becoming terminal capacity of those (valid when
+  // TrimapLinks::fixedPixelsAreSettled()). The minimum cut of the unknown
+  // pixels is the same; the graph holds about a third of the nodes.
+  BandGraph(const IplImage* trimap, std::vector<int32_t> xmap, std::vector<int32_t> ymap,
+            bool unknownOnly);
 
   // False when no pixel is in the band. Otherwise the band's bounding
   // rectangle, inclusive.
@@ -96,16 +105,24 @@ class BandGraph {
   int32_t nodeCount() const { return m_nodeCount; }
 
  private:
+  // Runs of the working rows, in full-size columns, of the pixels for which
+  // keep(label) holds.
+  void findRuns(bool (*keep)(uint8_t), std::vector<int32_t>* runs,
+                std::vector<int32_t>* rowStart) const;
   void layOutNodes();
+  bool linked(uint8_t label) const {
+    return m_unknownOnly ? label == 0 : label != 7;
+  }
 
   const IplImage* m_trimap;
   std::vector<int32_t> m_xmap, m_ymap;
+  bool m_unknownOnly;
   int m_width = 0, m_height = 0;  // full size
   int m_xmin = 0, m_xmax = -1, m_ymin = 0, m_ymax = -1;
-  // Band columns of each working row, as full-size runs (x0, x1): flat,
-  // m_bandRowStart[sy] .. m_bandRowStart[sy + 1].
-  std::vector<int32_t> m_bandRuns;
-  std::vector<int32_t> m_bandRowStart;
+  // Columns of the linked pixels of each working row, as full-size runs
+  // (x0, x1): flat, m_linkedRowStart[sy] .. m_linkedRowStart[sy + 1].
+  std::vector<int32_t> m_linkedRuns;
+  std::vector<int32_t> m_linkedRowStart;
   // Node runs of the rows m_rowFirst .. (one row above and below the band).
   int m_rowFirst = 0;
   std::vector<Run> m_runs;

@@ -75,18 +75,6 @@ std::vector<int32_t> nearestMap(int small, int full) {
   return std::vector<int32_t>(enlarged.ptr<int32_t>(0), enlarged.ptr<int32_t>(0) + full);
 }
 
-// Builds the band's graph into h->m_trimapGraph; 0 on success, 1 when it
-// could not be allocated.
-int buildBandGraph(ZIRKSEHybrid* h, BandGraph& band, const IplImage* texA, const IplImage* texB) {
-  float* table = static_cast<float*>(ZIRK_Malloc_Msg(1024, "constructGraphTrimapZIRK", 2385));
-  if (table == nullptr) return 1;
-  for (int i = 0; i < 256; ++i) table[i] = expf(-static_cast<float>(i * i * h->m_beta));
-  const TrimapLinks links(&h->m_fgModel, &h->m_bgModel, table, h->m_lamda, texA != nullptr);
-  h->m_trimapGraph = band.build(ZIRKSEMarker::m_originalImage, texA, texB, links);
-  ZIRK_Free_Msg(table, "constructGraphTrimapZIRK", 2631);
-  return h->m_trimapGraph == nullptr ? 1 : 0;
-}
-
 // The full-size mask: the working labels enlarged, object = 2 or 4, where
 // the band's unknown pixels take the side of the cut.
 void writeResult(const BandGraph& band, const std::vector<int32_t>& xmap,
@@ -195,8 +183,14 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   std::vector<int32_t> xmap = nearestMap(small.width, full.width);
   std::vector<int32_t> ymap = nearestMap(small.height, full.height);
 
-  // 5. The band and its bounding rectangle.
-  BandGraph band(trimap, xmap, ymap);
+  // 5. The band and its bounding rectangle. The link capacities come from
+  // exp(-beta d^2) for every channel difference d. Fixed pixels whose hard
+  // link outweighs all their links are merged into their terminal.
+  float table[256];
+  for (int i = 0; i < 256; ++i) table[i] = expf(-static_cast<float>(i * i * m_beta));
+  const bool grey = ZIRKSEMarker::m_isGreyScale;
+  const TrimapLinks links(&m_fgModel, &m_bgModel, table, m_lamda, grey);
+  BandGraph band(trimap, xmap, ymap, links.fixedPixelsAreSettled());
   int xmin = 2147483647, xmax = -1, ymin = 2147483647, ymax = -1;
   const bool hasBand = band.bounds(&xmin, &xmax, &ymin, &ymax);
 
@@ -220,7 +214,7 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   int status = 0;
   const IplImage* texA = nullptr;
   const IplImage* texB = nullptr;
-  if (ZIRKSEMarker::m_isGreyScale) {
+  if (grey) {
     texA = ZIRKSEMarker::m_texHor;
     texB = ZIRKSEMarker::m_texVer;
     if (texA == nullptr || texB == nullptr || texA->width != small.width ||
@@ -231,7 +225,10 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
     delete m_trimapGraph;  // never left over, but never leaked either
     m_trimapGraph = nullptr;
   }
-  if (status == 0) status = buildBandGraph(this, band, texA, texB);
+  if (status == 0) {
+    m_trimapGraph = band.build(original, texA, texB, links);
+    if (m_trimapGraph == nullptr) status = 1;
+  }
 
   IplImage* result = nullptr;
   if (status != 0) {

@@ -6,7 +6,8 @@
 # library (engine/, support/ ...) can shadow one of the caller's own.
 #
 # Inputs: SEGCORE_SOURCE_DIR, SEGCORE_STAGING_DIR (a folder in the build tree),
-# SEGCORE_SUBSYSTEMS, SEGCORE_INCLUDE_DESTINATION (relative to the prefix).
+# SEGCORE_SUBSYSTEMS, SEGCORE_INCLUDE_DESTINATION (relative to the prefix),
+# SEGCORE_PRIVATE_HEADERS (<folder>/<name>.h paths that stay uninstalled).
 # Headers are globbed here, at install time, so new headers need no reconfigure.
 string(JOIN "|" _segcore_folders ${SEGCORE_SUBSYSTEMS})
 set(_segcore_include_re "(#[ \t]*include[ \t]*\")(${_segcore_folders})/")
@@ -33,6 +34,11 @@ foreach(_segcore_folder IN LISTS SEGCORE_SUBSYSTEMS)
   file(GLOB _segcore_headers "${SEGCORE_SOURCE_DIR}/${_segcore_folder}/*.h")
   set(_segcore_staged "")
   foreach(_segcore_header IN LISTS _segcore_headers)
+    file(RELATIVE_PATH _segcore_relative "${SEGCORE_SOURCE_DIR}" "${_segcore_header}")
+    list(FIND SEGCORE_PRIVATE_HEADERS "${_segcore_relative}" _segcore_private)
+    if(_segcore_private GREATER -1)  # (no IN_LIST: install scripts run without policies)
+      continue()
+    endif()
     _segcore_stage("${_segcore_header}" "${SEGCORE_STAGING_DIR}/${_segcore_folder}" _segcore_copy)
     list(APPEND _segcore_staged "${_segcore_copy}")
   endforeach()

@@ -26,7 +26,7 @@ echo "installed $lib; $(readelf -d "$lib" | grep -E 'R(UN)?PATH' || echo 'no RUN
 
 cmake -S "$here/consumer" -B "$work/build" -G "$generator" -DCMAKE_BUILD_TYPE="$config" \
   -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
-grep -q "^SegmentationCore_DIR:PATH=$prefix/" "$work/build/CMakeCache.txt" ||
+grep -qF "SegmentationCore_DIR:PATH=$prefix/" "$work/build/CMakeCache.txt" ||
   { echo "the consumer found a package outside $prefix"; exit 1; }
 cmake --build "$work/build" --config "$config"
 app=$(find "$work/build" -name app -type f -perm -u+x | head -n 1)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test on this machine:
-#   1. plain build, whole suite;
+#   1. plain build, whole suite, with the package test (install, then build and
+#      run a caller's project against the installed package);
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer build, whole suite;
 #   3. ThreadSanitizer build, the threaded parts (max-flow blocks, k-means,
 #      cancellation from another thread);

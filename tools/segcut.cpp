@@ -21,8 +21,8 @@
 //   undo, redo            step back or forth in the history
 // A stroke of a single point is a dab of the brush.
 //
-// Only the caller's header is used: this is how an application drives the
-// engine.
+// Only the caller's umbrella header is used, spelled as an installed caller
+// spells it: this is how an application drives the engine.
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -36,7 +36,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/SegmentationCore.h"
+#include <SegmentationCore/SegmentationCore.h>
 
 namespace {
 

@@ -104,6 +104,11 @@ class BandGraph {
 
   int32_t nodeCount() const { return m_nodeCount; }
 
+  // Solves the graph built by build(): a large band in parts of about equal
+  // size that run on their own threads (the same cut as a serial solve).
+  // The split depends on the band alone, not on the machine.
+  float solve(ZIRKSEGraph* graph) const;
+
  private:
   // Runs of the working rows, in full-size columns, of the pixels for which
   // keep(label) holds.

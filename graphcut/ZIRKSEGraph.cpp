@@ -26,7 +26,9 @@
 
 #include <cmath>
 #include <cstddef>
+#include <algorithm>
 #include <cstdint>
+#include <thread>
 
 #include "engine/ZIRKSEMarker.h"
 #include "graphcut/ParallelGC.h"
@@ -790,4 +792,78 @@ void ZIRKSEGraph::maxflowInit() {
       AddToActiveQueue(n);
     }
   }
+}
+
+float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
+                            const std::vector<int32_t>& seams) {
+  const size_t count = parts.size() < 2 ? 0 : parts.size() - 1;
+  if (g->m_bandUp == nullptr || g->m_stamp == nullptr || count < 2 || seams.size() + 1 != count) {
+    return g->maxFlow();
+  }
+  g->maxflowInit();  // trees, queues and the one-link paths of the whole graph
+  if (ZIRKSEMarker::m_exitApp || g->m_activeFirst == nullptr) return g->maxFlowSerialCall();
+
+  // 1. Hold back the links between parts: those of each part's first row
+  // to the row above.
+  struct Held {
+    int32_t arc;
+    float cap;
+  };
+  std::vector<Held> held;
+  float* const arcs = g->m_arcs;
+  for (size_t i = 1; i < count; ++i) {
+    for (int32_t p = parts[i]; p < seams[i - 1]; ++p) {
+      for (int32_t k = 2; k < 8; ++k) {
+        const int32_t a = 8 * p + k;
+        if (arcs[a] == kAbsentArc) continue;
+        held.push_back(Held{a, arcs[a]});
+        arcs[a] = kAbsentArc;  // no part looks across, not even at the other side's nodes
+      }
+    }
+  }
+
+  // 2. Each part solves on its own thread, over its own queues; they share
+  // the arrays but touch disjoint nodes.
+  std::vector<ZIRKSEGraph*> views;
+  for (size_t i = 0; i < count; ++i) {
+    ZIRKSEGraph* v = new ZIRKSEGraph(g, 0, 0, 0, 0);
+    v->m_bandUp = g->m_bandUp;
+    v->m_bandDown = g->m_bandDown;
+    v->m_stamp = g->m_stamp;
+    v->m_dist = g->m_dist;
+    v->m_flow = 0.0f;
+    views.push_back(v);
+  }
+  // The whole graph's queue, handed out by range.
+  for (nodes* n = g->GetTopActiveQueueNode(); n != nullptr; n = g->GetTopActiveQueueNode()) {
+    const int32_t index = static_cast<int32_t>(n - g->m_nodes);
+    size_t part = 0;
+    while (part + 1 < count && index >= parts[part + 1]) ++part;
+    n->next = nullptr;
+    views[part]->AddToActiveQueue(n);
+  }
+  std::vector<std::thread> threads;
+  for (size_t i = 1; i < count; ++i) threads.emplace_back([v = views[i]] { v->maxFlowSerialCall(); });
+  views[0]->maxFlowSerialCall();
+  for (std::thread& t : threads) t.join();
+
+  // 3. The links come back; their ends scan again, and the whole graph is
+  // solved on from the parts' flows and trees.
+  int32_t latest = 0;
+  for (ZIRKSEGraph* v : views) {
+    g->m_flow += v->m_flow;
+    latest = std::max(latest, v->m_time);
+    // A view leaves the shared arrays alone when it goes.
+    v->m_bandUp = v->m_bandDown = v->m_stamp = v->m_dist = nullptr;
+    delete v;
+  }
+  g->m_time = latest;
+  for (const Held& h : held) {
+    arcs[h.arc] = h.cap;
+    const int32_t p = h.arc >> 3;
+    g->AddToActiveQueue(g->m_nodes + p);
+    const int32_t k = h.arc & 7;
+    g->AddToActiveQueue(g->m_nodes + g->m_bandUp[p] + (k >> 1) - 2);
+  }
+  return g->maxFlowSerialCall();
 }

@@ -37,6 +37,8 @@ enum : int32_t { SOURCE = 0, SINK = 1, FREE = 2 };
 // Special parent values.
 enum : int32_t { TERMINAL = -1, ORPHAN = -3 };
 
+#include <vector>
+
 // The capacity that marks an absent arc.
 constexpr float kAbsentArc = -2.0f;
 
@@ -144,3 +146,12 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   // maxflowInit() and the parallel solver call it.
   bool prepareForSolve();
 };
+
+// Solves a band graph (m_bandUp set) in parts that run on their own threads:
+// parts[i] .. parts[i + 1] are node ranges that begin at a row, and
+// seams[i] is the end of the first row of part i + 1. The links between
+// parts are held back while the parts solve, then given back, and the whole
+// graph is solved from there: the same maximum flow and the same cut as a
+// serial solve, with most of the work done in parallel. Returns the flow.
+float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
+                            const std::vector<int32_t>& seams);

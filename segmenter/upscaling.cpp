@@ -238,7 +238,7 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
     result = enlargeMask(mask, full);
   } else {
     // 11. Cut the band.
-    m_trimapGraph->maxFlow();
+    band.solve(m_trimapGraph);
     // 12. Object = labels 2 and 4: the enlarged working labels, where the
     // unknown ring of the band takes the side of the cut.
     checkSize(full, 2085);

@@ -289,19 +289,20 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
   return g;
 }
 
-float BandGraph::solve(ZIRKSEGraph* graph) const {
-  if (m_nodeCount <= kPartedNodes) return graph->maxFlow();
+float BandGraph::solve(ZIRKSEGraph* graph, int parts) const {
+  const int wanted = parts > 0 ? parts : (m_nodeCount > kPartedNodes ? kParts : 1);
+  if (wanted < 2) return graph->maxFlow();
   // Parts begin at rows, after about an equal share of the nodes each.
-  std::vector<int32_t> parts{0}, seams;
+  std::vector<int32_t> starts{0}, seams;
   const int rows = static_cast<int>(m_rowRuns.size()) - 1;
-  for (int row = 1; row < rows && static_cast<int>(parts.size()) < kParts; ++row) {
+  for (int row = 1; row < rows && static_cast<int>(starts.size()) < wanted; ++row) {
     const int32_t b = m_rowRuns[row], e = m_rowRuns[row + 1];
     if (b == e) continue;
     const int32_t first = m_runs[b].first;
-    if (first < static_cast<int64_t>(m_nodeCount) * static_cast<int64_t>(parts.size()) / kParts) continue;
-    parts.push_back(first);
+    if (first < static_cast<int64_t>(m_nodeCount) * static_cast<int64_t>(starts.size()) / wanted) continue;
+    starts.push_back(first);
     seams.push_back(m_runs[e - 1].first + (m_runs[e - 1].x1 - m_runs[e - 1].x0) + 1);
   }
-  parts.push_back(m_nodeCount);
-  return ZIRK_solveBandInParts(graph, parts, seams);
+  starts.push_back(m_nodeCount);
+  return ZIRK_solveBandInParts(graph, starts, seams);
 }

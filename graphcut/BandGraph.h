@@ -106,8 +106,9 @@ class BandGraph {
 
   // Solves the graph built by build(): a large band in parts of about equal
   // size that run on their own threads (the same cut as a serial solve).
-  // The split depends on the band alone, not on the machine.
-  float solve(ZIRKSEGraph* graph) const;
+  // The split depends on the band alone, not on the machine. parts > 0
+  // asks for that many parts whatever the size (1: serial).
+  float solve(ZIRKSEGraph* graph, int parts = 0) const;
 
  private:
   // Runs of the working rows, in full-size columns, of the pixels for which

@@ -112,7 +112,7 @@ const { server, address } = startServer();
 let browser;
 try {
   const url = await address;
-  browser = await chromium.launch({ executablePath: browserPath, headless: true, args: ["--no-sandbox"], timeout: 60000 });
+  browser = await chromium.launch({ executablePath: browserPath, headless: true, args: ["--no-sandbox", "--disable-dev-shm-usage"], timeout: 60000 });
   const page = await browser.newPage({ viewport: { width: 1000, height: 720 } });
   page.setDefaultTimeout(60000);
   await page.goto(url);

@@ -114,6 +114,7 @@ TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServing) {
       {"a million points", "POST", "/api/edit", million, 400, "1000000 points; the limit is 100000"},
       {"undo with nothing to undo", "POST", "/api/edit", R"({"kind": "undo"})", 409, "nothing to undo"},
       {"edit for a photo replaced since", "POST", "/api/edit", R"({"kind": "redo", "image": 999})", 409, "another page"},
+      {"mask of a photo replaced since", "GET", "/api/mask.png?image=999", "", 409, "another page"},
       {"live wire seed outside", "POST", "/api/livewire", R"({"seed": [700, 1], "to": [5, 5]})", 400, "outside"},
       {"unknown path", "GET", "/api/photo.tiff", "", 404, "no such resource"},
   };
@@ -204,6 +205,60 @@ TEST_F(DemoServerTest, TwoClientsAtOnceGetSerialisedEditsAndConsistentMasks) {
   const json state = json::parse(client().Get("/api/state")->body);
   EXPECT_FALSE(state["busy"].get<bool>());
   EXPECT_FALSE(state["canUndo"].get<bool>());
+}
+
+}  // namespace
+
+namespace {
+
+// A cancelled edit leaves the mask and the whole history as they were: with
+// a redo pending, the masks before and after it come back exactly.
+TEST_F(DemoServerTest, CancelledEditLeavesMaskAndHistory) {
+  std::string error;
+  ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
+  const std::string stroke = R"({"kind": "remove", "points": [[250, 240], [450, 240]], "radius": 10})";
+  const std::string loop = R"({"kind": "cutloop", "points": [[100, 60], [560, 60], [560, 420], [100, 420]]})";
+  cv::Mat rectMask, strokeMask;
+  bool sawCancel = false;
+  for (int attempt = 0; attempt < 8 && !sawCancel; ++attempt) {
+    // History: the rectangle, then the stroke, stepped back to the rectangle.
+    ASSERT_EQ(post("/api/edit", kRect)->status, 200);
+    rectMask = decodeMask(client().Get("/api/mask.png"));
+    ASSERT_EQ(post("/api/edit", stroke)->status, 200);
+    strokeMask = decodeMask(client().Get("/api/mask.png"));
+    ASSERT_EQ(post("/api/edit", R"({"kind": "undo"})")->status, 200);
+
+    std::atomic<bool> done{false};
+    json reply;
+    std::thread editor([&] {
+      const httplib::Result r = post("/api/edit", loop);
+      if (r && r->status == 200) reply = json::parse(r->body);
+      done = true;
+    });
+    for (int i = 0; i < 2000 && !done; ++i) {
+      post("/api/cancel", "{}");
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    editor.join();
+    ASSERT_TRUE(reply.is_object()) << "the edit failed";
+    if (!reply["cancelled"].get<bool>()) continue;  // finished first: again
+    sawCancel = true;
+    EXPECT_FALSE(reply["canUndo"].get<bool>());
+    EXPECT_TRUE(reply["canRedo"].get<bool>());
+    EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), rectMask));
+    ASSERT_EQ(post("/api/edit", R"({"kind": "redo"})")->status, 200);
+    EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), strokeMask));
+    ASSERT_EQ(post("/api/edit", R"({"kind": "undo"})")->status, 200);
+    EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), rectMask));
+    // And the next edit runs to the end. (Its mask may differ from the
+    // first stroke's: the segmenter keeps its colour models between edits.)
+    const httplib::Result next = post("/api/edit", stroke);
+    ASSERT_EQ(next->status, 200);
+    EXPECT_FALSE(json::parse(next->body)["cancelled"].get<bool>());
+    const cv::Rect band(250, 230, 201, 21);
+    EXPECT_LT(cv::countNonZero(decodeMask(client().Get("/api/mask.png"))(band)), cv::countNonZero(rectMask(band)) / 2);
+  }
+  EXPECT_TRUE(sawCancel) << "every edit finished before its cancel";
 }
 
 }  // namespace

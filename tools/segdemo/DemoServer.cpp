@@ -528,9 +528,12 @@ struct DemoServer::Impl {
                {"canUndo", s->canUndo}, {"canRedo", s->canRedo}, {"busy", running}});
   }
 
-  Reply png(const std::string& name) {
+  // `image`: the id the page knows, or empty.
+  Reply png(const std::string& name, const std::string& image) {
     const std::shared_ptr<const Shown> s = current();
     if (s->id == 0) return fail(404, "no photo yet: send one to /api/image first");
+    if (!image.empty() && image != std::to_string(s->id))
+      return fail(409, "another page opened a new photo; showing it now", {{"image", s->id}});
     return Reply{200, s->png(name), "image/png"};
   }
 };
@@ -550,9 +553,10 @@ DemoServer::DemoServer(const DemoLimits& limits) : m(std::make_unique<Impl>(limi
     send(res, impl->state());
   });
   for (const char* name : {"mask", "preview", "cutout"}) {
-    m->http.Get(std::string("/api/") + name + ".png", [impl, send, name](const httplib::Request&, httplib::Response& res) {
-      send(res, impl->png(name));
-    });
+    m->http.Get(std::string("/api/") + name + ".png",
+                [impl, send, name](const httplib::Request& req, httplib::Response& res) {
+                  send(res, impl->png(name, req.get_param_value("image")));
+                });
   }
   m->http.Post("/api/image", [impl, send](const httplib::Request& req, httplib::Response& res) {
     send(res, impl->loadImage(req.body));

@@ -262,3 +262,35 @@ TEST_F(DemoServerTest, CancelledEditLeavesMaskAndHistory) {
 }
 
 }  // namespace
+
+namespace {
+
+// Live-wire paths for random seeds and targets: they start at the seed, end
+// at the target, stay in the photo and move in small steps (the search runs
+// on the photo reduced to about 0.25 megapixels: steps of 1 to 2 pixels).
+TEST_F(DemoServerTest, LiveWirePathsJoinSeedAndTargetInSmallSteps) {
+  std::string error;
+  ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
+  cv::RNG rng(19);
+  for (int i = 0; i < 4; ++i) {
+    const int sx = rng.uniform(0, 640), sy = rng.uniform(0, 480), tx = rng.uniform(0, 640), ty = rng.uniform(0, 480);
+    SCOPED_TRACE(testing::Message() << "seed " << sx << "," << sy << " to " << tx << "," << ty);
+    for (const auto& to : {std::make_pair(tx, ty), std::make_pair(sx, ty)}) {  // a second target, same seed
+      const httplib::Result r = post("/api/livewire", json{{"seed", {sx, sy}}, {"to", {to.first, to.second}}}.dump());
+      ASSERT_TRUE(r && r->status == 200);
+      const json points = json::parse(r->body)["points"];
+      ASSERT_GE(points.size(), 1u);
+      EXPECT_EQ(points.front(), json({sx, sy}));
+      EXPECT_EQ(points.back(), json({to.first, to.second}));
+      for (size_t k = 0; k < points.size(); ++k) {
+        const int x = points[k][0], y = points[k][1];
+        ASSERT_TRUE(x >= 0 && y >= 0 && x < 640 && y < 480);
+        if (k == 0) continue;
+        const int step = std::max(std::abs(x - points[k - 1][0].get<int>()), std::abs(y - points[k - 1][1].get<int>()));
+        ASSERT_LE(step, 3) << "at point " << k;
+      }
+    }
+  }
+}
+
+}  // namespace

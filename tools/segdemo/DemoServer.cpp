@@ -54,7 +54,7 @@ Reply fail(int status, const std::string& message, json extra = json::object()) 
 // so that an oversized photo is refused before it takes memory. False for
 // other formats (they are checked after decoding).
 bool headerSize(const std::string& b, long long* w, long long* h) {
-  auto u8 = [&](size_t i) { return static_cast<unsigned char>(b[i]); };
+  auto u8 = [&](size_t i) { return static_cast<uint32_t>(static_cast<unsigned char>(b[i])); };
   if (b.size() >= 24 && b.compare(0, 8, "\x89PNG\r\n\x1a\n") == 0 && b.compare(12, 4, "IHDR") == 0) {
     *w = (u8(16) << 24) | (u8(17) << 16) | (u8(18) << 8) | u8(19);
     *h = (u8(20) << 24) | (u8(21) << 16) | (u8(22) << 8) | u8(23);

@@ -1,7 +1,6 @@
 #include "segdemo/DemoServer.h"
 
 #include <httplib.h>
-#include <opencv2/core/core_c.h>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -9,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdint>
 #include <fstream>
 #include <functional>
@@ -18,12 +16,12 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 #include "common/EditSession.h"
+#include "segdemo/LiveWireTracer.h"
+#include "segdemo/Worker.h"
 #include "engine/SegmentationCore.h"
-#include "livewire/LiveWire.h"
 #include "support/ZIRKTimer.h"
 
 using nlohmann::json;
@@ -33,10 +31,6 @@ namespace {
 // The engine keeps at most this many masks; the server's copy of the
 // history keeps as many.
 constexpr size_t kHistorySlots = 31;
-// The live-wire search runs on the photo reduced to about this many pixels,
-// so that a seed costs a fraction of a second on any photo.
-constexpr double kLiveWirePixels = 250000.0;
-constexpr double kLiveWireAlpha = 0.2;
 
 struct Reply {
   int status = 200;
@@ -137,50 +131,6 @@ struct Shown {
   mutable std::map<std::string, std::string> pngs;
 };
 
-// Runs one job at a time on its own thread: every engine call is made here.
-class Worker {
- public:
-  Worker() : m_thread([this] { loop(); }) {}
-  ~Worker() {
-    {
-      std::lock_guard<std::mutex> guard(m_lock);
-      m_quit = true;
-    }
-    m_wake.notify_all();
-    m_thread.join();
-  }
-  std::future<Reply> submit(std::function<Reply()> job) {
-    auto task = std::make_shared<std::packaged_task<Reply()>>(std::move(job));
-    std::future<Reply> result = task->get_future();
-    {
-      std::lock_guard<std::mutex> guard(m_lock);
-      m_jobs.push_back([task] { (*task)(); });
-    }
-    m_wake.notify_all();
-    return result;
-  }
-
- private:
-  void loop() {
-    for (;;) {
-      std::function<void()> job;
-      {
-        std::unique_lock<std::mutex> lock(m_lock);
-        m_wake.wait(lock, [this] { return m_quit || !m_jobs.empty(); });
-        if (m_jobs.empty()) return;
-        job = std::move(m_jobs.front());
-        m_jobs.erase(m_jobs.begin());
-      }
-      job();
-    }
-  }
-  std::mutex m_lock;
-  std::condition_variable m_wake;
-  std::vector<std::function<void()>> m_jobs;
-  bool m_quit = false;
-  std::thread m_thread;
-};
-
 }  // namespace
 
 struct DemoServer::Impl {
@@ -206,12 +156,7 @@ struct DemoServer::Impl {
   std::vector<std::vector<uint8_t>> history;
   int position = 0;  // masks in effect: history[position - 1] is shown
 
-  std::mutex liveWireLock;  // one search at a time; guards the cache below
-  long liveWireId = -1;
-  cv::Point liveWireSeed{-1, -1};
-  double liveWireScale = 1.0;
-  std::vector<int> liveWireParents;
-  cv::Mat liveWireImage;
+  LiveWireTracer liveWire;
 
   Worker worker;
 
@@ -234,7 +179,7 @@ struct DemoServer::Impl {
       std::lock_guard<std::mutex> guard(cancelLock);
       cancelAsked = cancelSent = false;
     }
-    std::future<Reply> result = worker.submit([this, job] {
+    std::future<Reply> result = worker.submit<Reply>([this, job] {
       Reply r;
       try {
         r = job();
@@ -461,7 +406,7 @@ struct DemoServer::Impl {
   }
 
   // The cheapest path from the seed to `to` along the photo's edges.
-  Reply liveWire(const std::string& body) {
+  Reply liveWirePath(const std::string& body) {
     const json j = json::parse(body, nullptr, false);
     if (j.is_discarded()) return fail(400, "the body is not valid JSON");
     const std::shared_ptr<const Shown> s = current();
@@ -473,46 +418,8 @@ struct DemoServer::Impl {
     if (!readPoint(j["seed"], s->width, s->height, &seed, &error) ||
         !readPoint(j["to"], s->width, s->height, &to, &error))
       return fail(400, error);
-    std::lock_guard<std::mutex> guard(liveWireLock);
-    if (liveWireId != s->id) {
-      liveWireId = s->id;
-      liveWireScale = std::max(1.0, std::sqrt(static_cast<double>(s->photo.total()) / kLiveWirePixels));
-      cv::resize(s->photo, liveWireImage,
-                 cv::Size(std::max(1, static_cast<int>(s->width / liveWireScale)),
-                          std::max(1, static_cast<int>(s->height / liveWireScale))),
-                 0, 0, cv::INTER_AREA);
-      liveWireSeed = cv::Point(-1, -1);
-    }
-    auto small = [&](cv::Point p) {
-      return cv::Point(std::min(liveWireImage.cols - 1, static_cast<int>(p.x / liveWireScale)),
-                       std::min(liveWireImage.rows - 1, static_cast<int>(p.y / liveWireScale)));
-    };
-    const cv::Point a = small(seed), b = small(to);
-    if (a != liveWireSeed) {
-      cv::Mat labels(liveWireImage.size(), CV_8U, cv::Scalar(0));
-      IplImage image = cvIplImage(liveWireImage), labelImage = cvIplImage(labels);
-      liveWireParents = find_parent_info(&image, &labelImage, a.y, a.x, kLiveWireAlpha);
-      liveWireSeed = a;
-    }
     json points = json::array();
-    const int cols = liveWireImage.cols;
-    int at = b.y * cols + b.x;
-    const size_t limit = liveWireParents.size();
-    std::vector<cv::Point> path;
-    for (size_t n = 0; at >= 0 && static_cast<size_t>(at) < limit && n <= limit; ++n) {
-      path.emplace_back(at % cols, at / cols);
-      const int parent = liveWireParents[static_cast<size_t>(at)];
-      if (parent == at) break;
-      at = parent;
-    }
-    if (path.empty() || path.back() != a) path = {b, a};  // unreachable: a straight line
-    points.push_back({seed.x, seed.y});
-    for (auto it = path.rbegin() + 1; it != path.rend(); ++it) {
-      const int x = std::min(s->width - 1, static_cast<int>(std::lround((it->x + 0.5) * liveWireScale)));
-      const int y = std::min(s->height - 1, static_cast<int>(std::lround((it->y + 0.5) * liveWireScale)));
-      points.push_back({x, y});
-    }
-    points.back() = json::array({to.x, to.y});
+    for (const cv::Point& p : liveWire.trace(s->id, s->photo, seed, to)) points.push_back({p.x, p.y});
     return ok({{"points", points}});
   }
 
@@ -568,7 +475,7 @@ DemoServer::DemoServer(const DemoLimits& limits) : m(std::make_unique<Impl>(limi
     send(res, impl->cancel());
   });
   m->http.Post("/api/livewire", [impl, send](const httplib::Request& req, httplib::Response& res) {
-    send(res, impl->liveWire(req.body));
+    send(res, impl->liveWirePath(req.body));
   });
   // Errors found by the HTTP layer itself (unknown path, body too large)
   // get a JSON message too.
@@ -591,7 +498,7 @@ DemoServer::DemoServer(const DemoLimits& limits) : m(std::make_unique<Impl>(limi
 DemoServer::~DemoServer() {
   stop();
   // The session tears the engine down on the worker, where it lives.
-  m->worker.submit([impl = m.get()] {
+  m->worker.submit<Reply>([impl = m.get()] {
     impl->session.reset();
     return Reply{};
   }).wait();

@@ -218,6 +218,9 @@ TEST_F(DemoServerTest, CancelledEditLeavesMaskAndHistory) {
   ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
   const std::string stroke = R"({"kind": "remove", "points": [[250, 240], [450, 240]], "radius": 10})";
   const std::string loop = R"({"kind": "cutloop", "points": [[100, 60], [560, 60], [560, 420], [100, 420]]})";
+  // An earlier sequence that the rectangle below replaces.
+  ASSERT_EQ(post("/api/edit", kRect)->status, 200);
+  ASSERT_EQ(post("/api/edit", stroke)->status, 200);
   cv::Mat rectMask, strokeMask;
   bool sawCancel = false;
   for (int attempt = 0; attempt < 8 && !sawCancel; ++attempt) {

@@ -358,7 +358,7 @@ struct DemoServer::Impl {
       } else if (e.kind == "redo") {
         ++position;
       } else {
-        if (e.kind == "rect") history.clear();
+        if (e.kind == "rect") position = 0;  // a new sequence
         history.resize(static_cast<size_t>(position));
         history.push_back(packMask(session->mask()));
         if (history.size() > kHistorySlots) history.erase(history.begin());

@@ -21,7 +21,11 @@ mkdirSync(outDir, { recursive: true });
 const book = photoDir + "/images/book.jpg";
 const bookRect = readFileSync(photoDir + "/boxes/book.txt", "utf8").trim().split(/\s+/).map(Number);
 const started = Date.now();
-const step = (text) => console.log("- " + text + " (" + ((Date.now() - started) / 1000).toFixed(1) + " s so far)");
+let steps = 0;
+const step = (text) => {
+  ++steps;
+  console.log("- " + text + " (" + ((Date.now() - started) / 1000).toFixed(1) + " s so far)");
+};
 
 // Starts segdemo on a free port; resolves with its address.
 function startServer() {
@@ -180,6 +184,18 @@ try {
   assert.equal(teddy.canUndo, false);
   assert.equal((await mask(page, "/api/mask.png")).count, 0, "a new photo starts with an empty mask");
 
+  step("after a second tab opens another photo, the first learns so on its next edit");
+  const tab = await browser.newPage({ viewport: { width: 1000, height: 720 } });
+  await tab.goto(url);
+  await tab.locator("#file").setInputFiles(book);
+  await tab.waitForFunction(() => document.getElementById("message").textContent.startsWith("Opened book.jpg"));
+  await tab.close();
+  let count = await editCount(page);
+  await drag(page, [[20, 20], [200, 200]]);
+  result = await edited(page, count);
+  assert.equal(result.message, "Another page opened a new photo; showing it now.");
+  assert.equal(await page.evaluate(() => document.getElementById("view").width), 640);
+
   step("Cancel during an edit on a 12-megapixel photo leaves the mask and the history, or shows the finished edit");
   await page.keyboard.press("1");
   await page.locator("#file").setInputFiles({ name: "book12mp.jpg", mimeType: "image/jpeg", buffer: await enlargedBook(page) });
@@ -233,7 +249,7 @@ try {
   if (finished(await edited(page, n, 120000)) && rectDone)
     assert.ok((await mask(page, "/api/mask.png", bigBand)).inBox < bigRect.inBox, "the stroke after a cancel removed nothing");
   await page.screenshot({ path: outDir + "/segdemo_12mp.png" });
-  console.log("browser test: 6 passed, 0 failed");
+  console.log("browser test: " + steps + " passed, 0 failed");
 } finally {
   if (browser) await browser.close();
   server.kill("SIGTERM");

@@ -103,7 +103,8 @@ std::vector<uint8_t> packMask(const std::vector<unsigned char>& mask) {
   return bits;
 }
 std::vector<unsigned char> unpackMask(const std::vector<uint8_t>& bits, size_t pixels) {
-  std::vector<unsigned char> mask(pixels);
+  std::vector<unsigned char> mask(pixels, 255);
+  if (bits.size() * 8 < pixels) return mask;  // not of this photo: no object
   for (size_t i = 0; i < pixels; ++i) mask[i] = (bits[i / 8] >> (i % 8)) & 1 ? 0 : 255;
   return mask;
 }
@@ -174,9 +175,8 @@ struct DemoServer::Impl {
       if (expectedId > 0 && expectedId != shown->id)
         return fail(409, "another page opened a new photo; showing it now", {{"image", shown->id}});
       busy = true;
-    }
-    {
-      std::lock_guard<std::mutex> guard(cancelLock);
+      // In the same step, so that no cancel made for this job is lost.
+      std::lock_guard<std::mutex> cancelGuard(cancelLock);
       cancelAsked = cancelSent = false;
     }
     std::future<Reply> result = worker.submit<Reply>([this, job] {

@@ -196,6 +196,19 @@ try {
   assert.equal(result.message, "Another page opened a new photo; showing it now.");
   assert.equal(await page.evaluate(() => document.getElementById("view").width), 640);
 
+  step("a live-wire loop (seed, fixed points, a click on the start) cuts the book out");
+  await page.keyboard.press("w");
+  for (const [x, y] of [[x1 + 10, y1 + 10], [x2 - 10, y1 + 10], [x2 - 10, y2 - 10], [x1 + 10, y2 - 10], [x1 + 11, y1 + 11]]) {
+    const [cx, cy] = await client(page, x, y);
+    await page.mouse.move(cx, cy, { steps: 4 });
+    await page.waitForTimeout(300);  // the path follows the pointer
+    await page.mouse.click(cx, cy);
+  }
+  result = await edited(page, count + 1);
+  assert.equal(result.last, "done", result.message);
+  assert.ok(/^loop: /.test(result.message), result.message);
+  assert.ok((await mask(page, "/api/mask.png")).count > 0.2 * rectMask.count, "the loop cut out little");
+
   step("Cancel during an edit on a 12-megapixel photo leaves the mask and the history, or shows the finished edit");
   await page.keyboard.press("1");
   await page.locator("#file").setInputFiles({ name: "book12mp.jpg", mimeType: "image/jpeg", buffer: await enlargedBook(page) });

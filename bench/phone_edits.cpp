@@ -3,6 +3,7 @@
 //
 //   phone_edits [--runs N] [--only-large | --only-photos] [--photo NAME]
 //               [--size WxH]
+//   phone_edits --compare OUT_A OUT_B
 //
 // 1. The phone-size photo: the photo NAME (default book) enlarged to WxH
 //    (default 4000x3000, cv::resize linear), its rectangle and edits scaled
@@ -41,7 +42,10 @@
 // every build makes the same ones. Each figure also goes out as one line
 //   figure <name> min=<v> median=<v> max=<v>
 // or, for a mask, "figure <name> hash=<hex>" (64-bit FNV-1a of the engine's
-// mask buffer): two builds are compared by their figure lines.
+// mask buffer). "phone_edits --compare OUT_A OUT_B" prints the figures of
+// two saved outputs (say, of two builds) side by side with the ratio B / A
+// and whether each mask is the same; a file holding several runs' outputs
+// counts each figure's median over them.
 #include <opencv2/imgproc.hpp>
 
 #include <malloc.h>
@@ -55,6 +59,8 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -72,7 +78,11 @@ const char* kUsage =
     "  --only-large   only the phone-size photo\n"
     "  --only-photos  only the evaluation photos\n"
     "  --photo NAME   photo enlarged for the phone-size edits (default book)\n"
-    "  --size WxH     its size (default 4000x3000)\n";
+    "  --size WxH     its size (default 4000x3000)\n"
+    "\n"
+    "   or: phone_edits --compare OUT_A OUT_B\n"
+    "\n"
+    "  the figure lines of two saved outputs side by side, with B / A\n";
 
 constexpr EditKind kKinds[kEditKinds] = {EditKind::kRectangle, EditKind::kStrokeAdd, EditKind::kStrokeRemove,
                                          EditKind::kLoopAdd};
@@ -166,7 +176,10 @@ void addTimerLines(const LogCapture& log, std::map<std::string, double>* into) {
   for (const LogLine& l : log.lines()) {
     if (l.tag != "GTime") continue;
     const size_t eq = l.text.rfind(" =");
-    if (eq != std::string::npos) (*into)["gtime:" + l.text.substr(0, eq)] += std::atof(l.text.c_str() + eq + 2);
+    if (eq == std::string::npos) continue;
+    std::string name = l.text.substr(0, eq);
+    std::replace(name.begin(), name.end(), ' ', '_');  // figure names are one word
+    (*into)["gtime:" + name] += std::atof(l.text.c_str() + eq + 2);
   }
 }
 
@@ -390,6 +403,7 @@ void largeEdits(const Options& o) {
 
 struct PhotoFigures {
   std::vector<double> engine, grabCut, stroke;
+  size_t strokeChanged = 0;  // mask pixels the add stroke changed
   double engineError = 0, grabCutError = 0;
   uint64_t rectHash = 0, strokeHash = 0;
 };
@@ -408,6 +422,7 @@ void photoRun(const Photo& p, bool engineFirst, PhotoFigures* f) {
     f->engineError = errorRate(result, p.truth);
     f->stroke.push_back(session.run(EditKind::kStrokeAdd, planEdits(p.truth, box, result)));
     f->strokeHash = session.maskHash();
+    f->strokeChanged = static_cast<size_t>(cv::countNonZero(session.objectMask() != result));
   };
   auto peer = [&] {
     double ms = 0;
@@ -446,8 +461,8 @@ void photoEdits(const Options& o) {
       log.clear();
     }
 
-  std::printf("%-9s %9s %20s %20s %7s %18s %6s %6s\n", "photo", "size", "engine rect ms", "grabCut ms", "ratio",
-              "add stroke ms", "err%", "gc err%");
+  std::printf("%-9s %9s %20s %20s %7s %18s %7s %6s %7s\n", "photo", "size", "engine rect ms", "grabCut ms",
+              "ratio", "add stroke ms", "add px", "err%", "gc err%");
   std::vector<double> engineMedians, grabCutMedians, strokeMedians, ratios;
   for (size_t i = 0; i < photos.size(); ++i) {
     const PhotoFigures& f = figures[i];
@@ -458,9 +473,9 @@ void photoEdits(const Options& o) {
     ratios.push_back(ratio);
     char size[32];
     std::snprintf(size, sizeof size, "%dx%d", photos[i].image.cols, photos[i].image.rows);
-    std::printf("%-9s %9s %20s %20s %7.3f %18s %6.2f %6.2f\n", photos[i].name.c_str(), size,
+    std::printf("%-9s %9s %20s %20s %7.3f %18s %7zu %6.2f %7.2f\n", photos[i].name.c_str(), size,
                 spreadText(f.engine).c_str(), spreadText(f.grabCut).c_str(), ratio, spreadText(f.stroke).c_str(),
-                100 * f.engineError, 100 * f.grabCutError);
+                f.strokeChanged, 100 * f.engineError, 100 * f.grabCutError);
   }
   if (photos.empty()) return;
   auto mean = [](const std::vector<double>& v) {
@@ -489,6 +504,64 @@ void photoEdits(const Options& o) {
   printFigure("photos.mean.add_ms", mean(strokeMedians));
   printFigure("photos.ratio_of_means", mean(engineMedians) / mean(grabCutMedians));
   printFigure("photos.median_ratio", medianOf(ratios));
+}
+
+// ------------------------------------------------------ two builds' outputs
+
+// The figure lines of a saved output: per figure the median (or value) of
+// every occurrence (a file may hold several runs), or the mask hashes.
+struct FigureFile {
+  std::vector<std::string> order;  // first appearance
+  std::map<std::string, std::vector<double>> values;
+  std::map<std::string, std::set<std::string>> hashes;
+};
+
+bool readFigures(const std::string& path, FigureFile* f) {
+  std::ifstream in(path);
+  if (!in) return false;
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream words(line);
+    std::string tag, name, field;
+    if (!(words >> tag >> name) || tag != "figure") continue;
+    if (f->values.count(name) == 0 && f->hashes.count(name) == 0) f->order.push_back(name);
+    while (words >> field) {
+      const size_t eq = field.find('=');
+      if (eq == std::string::npos) continue;
+      const std::string key = field.substr(0, eq), value = field.substr(eq + 1);
+      if (key == "median" || key == "value") f->values[name].push_back(std::atof(value.c_str()));
+      if (key == "hash") f->hashes[name].insert(value);
+    }
+  }
+  return true;
+}
+
+// Prints every figure of A beside B's and the ratio B / A; masks as same or
+// different.
+int compareOutputs(const std::string& pathA, const std::string& pathB) {
+  FigureFile a, b;
+  if (!readFigures(pathA, &a) || !readFigures(pathB, &b)) {
+    std::fprintf(stderr, "phone_edits: cannot read %s or %s\n", pathA.c_str(), pathB.c_str());
+    return 1;
+  }
+  std::printf("%-36s %12s %12s %8s\n", "figure (median of the medians)", "A", "B", "B/A");
+  int differing = 0;
+  for (const std::string& name : a.order) {
+    if (a.hashes.count(name)) {
+      const bool same = b.hashes.count(name) && b.hashes.at(name) == a.hashes.at(name);
+      differing += !same;
+      std::printf("%-36s %34s\n", name.c_str(), !b.hashes.count(name) ? "only in A" : same ? "same mask" : "MASK DIFFERS");
+    } else if (b.values.count(name)) {
+      const double va = medianOf(a.values.at(name)), vb = medianOf(b.values.at(name));
+      std::printf("%-36s %12.3f %12.3f %8.3f\n", name.c_str(), va, vb, va != 0 ? vb / va : 0.0);
+    } else {
+      std::printf("%-36s %12.3f %25s\n", name.c_str(), medianOf(a.values.at(name)), "only in A");
+    }
+  }
+  for (const std::string& name : b.order)
+    if (a.values.count(name) == 0 && a.hashes.count(name) == 0) std::printf("%-36s %34s\n", name.c_str(), "only in B");
+  if (differing > 0) std::printf("%d mask(s) differ\n", differing);
+  return 0;
 }
 
 bool parseOptions(int argc, char** argv, Options* o) {
@@ -522,6 +595,7 @@ int main(int argc, char** argv) {
     std::fputs(kUsage, stdout);
     return 0;
   }
+  if (argc == 4 && std::strcmp(argv[1], "--compare") == 0) return compareOutputs(argv[2], argv[3]);
   if (!parseOptions(argc, argv, &o)) {
     std::fputs(kUsage, stderr);
     return 2;

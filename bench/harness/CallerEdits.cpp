@@ -69,40 +69,45 @@ EditPlan planEdits(const cv::Mat& truth, const Box& box, const cv::Mat& result) 
   const int longest = shorter / 20;  // half of 10 % of the shorter side
   const cv::Mat object = truth > 127;
   const cv::Mat taken = result.empty() ? cv::Mat::zeros(truth.size(), CV_8U) : result > 127;
-  // The deepest point of a region, when the brush fits in it.
+  // The deepest point of a region, when twice the brush fits in it (a
+  // thinner sliver is not worth an edit).
   auto fitting = [&](const cv::Mat& region, double* depth) {
     const cv::Point at = deepestPoint(region, depth);
-    return at.x >= 0 && *depth > plan.brush + 1 ? at : cv::Point(-1, -1);
+    return at.x >= 0 && *depth >= 2 * plan.brush + 2 ? at : cv::Point(-1, -1);
   };
   auto stroke = [&](cv::Point centre, double depth) {
     return rowStroke(centre, std::min(longest, std::max(0, static_cast<int>(depth) / 2 - plan.brush)));
   };
 
-  // 1. The background inside the box (any background when the box has none).
+  // 1. The background left as background inside the box (else anywhere).
+  const cv::Mat kept = ~object & ~taken;
   const cv::Rect inBox = cv::Rect(cv::Point(box.x1, box.y1), cv::Point(box.x2 + 1, box.y2 + 1)) &
                          cv::Rect(0, 0, truth.cols, truth.rows);
   cv::Mat boxBackground = cv::Mat::zeros(truth.size(), CV_8U);
-  boxBackground(inBox).setTo(255, object(inBox) == 0);
+  kept(inBox).copyTo(boxBackground(inBox));
   double backgroundDepth = 0;
   cv::Point background = deepestPoint(boxBackground, &backgroundDepth);
-  if (background.x < 0) background = deepestPoint(object == 0, &backgroundDepth);
+  if (background.x < 0) background = deepestPoint(kept, &backgroundDepth);
 
   // 2. Add: over the missed object, else over that background.
   double missedDepth = 0;
   const cv::Point missed = fitting(object & ~taken, &missedDepth);
   if (missed.x >= 0) plan.addStroke = stroke(missed, missedDepth);
   else if (background.x >= 0) plan.addStroke = stroke(background, backgroundDepth);
+  else plan.addStroke = {cv::Point(truth.cols / 2, truth.rows / 2)};  // all taken: a dab
 
-  // 3. Remove: over the background taken, else over the object.
+  // 3. Remove: over the background taken, else over the object taken.
   double depth = 0;
   cv::Point at = fitting(taken & ~object, &depth);
-  if (at.x < 0) at = deepestPoint(object, &depth);
+  if (at.x < 0) at = deepestPoint(object & taken, &depth);
   if (at.x >= 0) plan.removeStroke = stroke(at, depth);
+  else plan.removeStroke = {cv::Point(truth.cols / 2, truth.rows / 2)};  // nothing taken: a dab
 
   // 4. Loop: a 16-gon around the missed object, else across the outline
   // at its leftmost point; clamped into the photo.
   at = missed.x >= 0 ? missed : leftmostPoint(object);
-  if (at.x >= 0) {
+  if (at.x < 0) at = cv::Point(truth.cols / 2, truth.rows / 2);
+  {
     const double radius = 0.04 * shorter;
     for (int k = 0; k < 16; ++k) {
       const double angle = 2 * M_PI * k / 16;

@@ -38,10 +38,11 @@ struct EditPlan {
 //   loop    a 16-gon of radius 4 % of the shorter side around the missed
 //           object.
 // Each goes to the deepest point of its region. Where the region is too
-// thin for the brush (a good cut), the strokes change the cut instead: add
-// goes to the deepest background point inside the box, remove to the
-// object's deepest point; the loop crosses the outline at the object's
-// leftmost point (first in row order). Strokes are three points along a row, at most
+// thin for twice the brush (a good cut), the strokes change the cut: add
+// goes to the deepest point inside the box of the background the result
+// left out, remove to the deepest point of the object it took; the loop
+// crosses the outline at the object's leftmost point (first in row order).
+// A stroke with neither region is a dab at the photo's centre. Strokes are three points along a row, at most
 // 10 % of the shorter side long, clear of the region's edge. The brush
 // radius is 1 % of the shorter side, at least 2. The same truth and result
 // give the same edits, in every build.

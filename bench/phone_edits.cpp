@@ -6,12 +6,14 @@
 //   phone_edits --compare OUT_A OUT_B
 //
 // 1. The phone-size photo: the photo NAME (default book) enlarged to WxH
-//    (default 4000x3000, cv::resize linear), its rectangle and edits scaled
-//    with it. Four edit kinds: the rectangle through doSegmentationBB; then,
-//    each on an engine that has just made that rectangle, a brush stroke that
-//    adds, one that removes and a loop that adds (setMarkerImage,
-//    setCurrentMarkerVector, processSegment). Per kind, over N runs:
-//    - the request's wall time (min / median / max);
+//    (default 4000x3000, cv::resize linear), its rectangle scaled and its
+//    truth mask enlarged (nearest) with it. Four edit kinds: the rectangle
+//    through doSegmentationBB; then, each on an engine that has just made
+//    that rectangle, a brush stroke that adds, one that removes and a loop
+//    that adds (setMarkerImage, setCurrentMarkerVector, processSegment).
+//    Per kind, over N runs:
+//    - the request's wall time (min / median / max) and the mask pixels it
+//      changed;
 //    - the engine's peak memory: the process's peak resident memory during
 //      the request minus its resident memory just before it. Every run of
 //      every kind is a fresh child process (fork): it loads the photo, makes
@@ -29,17 +31,20 @@
 //      engine); and "outside", the request's time outside the segment
 //      (conversions, preview, mask). Any "GTime" log line the engine writes
 //      during the request is listed as well.
-// 2. The evaluation photos: per photo and run, alternating, the engine's
-//    rectangle edit and cv::grabCut at the engine's working size (the photo
-//    reduced to at most 76800 pixels, 5 iterations from the scaled
-//    rectangle, the mask enlarged back with nearest), then one corrective
-//    edit: a brush stroke that adds inside the object, on the rectangle's
-//    engine. Per photo min / median / max, the ratio of the medians
-//    engine / grabCut, the error against the truth mask; then the mean and
-//    median over the photos.
+// 2. The evaluation photos: per run and photo, the engine's rectangle edit
+//    and cv::grabCut at the engine's working size, which of the two goes
+//    first alternating (the photo reduced to at most 76800 pixels, 5
+//    iterations from the scaled rectangle, the mask enlarged back with
+//    nearest); then one corrective edit on the rectangle's engine, the
+//    brush stroke that adds. Per photo
+//    min / median / max, the ratio of the medians engine / grabCut, the
+//    pixels the stroke changed, the errors against the truth mask; then the
+//    mean and median over the photos.
 //
-// The edits come from the truth masks alone (harness/CallerEdits.h), so
-// every build makes the same ones. Each figure also goes out as one line
+// Where the corrective edits go follows from the truth mask and the
+// rectangle's result (planEdits in harness/CallerEdits.h: over what the cut
+// got wrong, or changing a good cut), so builds with the same masks make the
+// same edits. Each figure also goes out as one line
 //   figure <name> min=<v> median=<v> max=<v>
 // or, for a mask, "figure <name> hash=<hex>" (64-bit FNV-1a of the engine's
 // mask buffer). "phone_edits --compare OUT_A OUT_B" prints the figures of

@@ -49,6 +49,12 @@ std::vector<cv::Point> rowStroke(cv::Point centre, int reach) {
   return {centre - cv::Point(reach, 0), centre, centre + cv::Point(reach, 0)};
 }
 
+// The factor by which the engine reduces a source to its working image.
+double workingScale(int width, int height) {
+  const double s = std::sqrt(static_cast<double>(width) * height / 76800.0);
+  return s > 1.0 ? s : 1.0;
+}
+
 }  // namespace
 
 const char* editName(EditKind kind) {
@@ -65,7 +71,7 @@ EditPlan planEdits(const cv::Mat& truth, const Box& box, const cv::Mat& result) 
   EditPlan plan;
   plan.box = box;
   const int shorter = std::min(truth.cols, truth.rows);
-  plan.brush = std::max(2, shorter / 100);
+  plan.brush = std::max(2, shorter / 50);
   const int longest = shorter / 20;  // half of 10 % of the shorter side
   const cv::Mat object = truth > 127;
   const cv::Mat taken = result.empty() ? cv::Mat::zeros(truth.size(), CV_8U) : result > 127;
@@ -117,21 +123,6 @@ EditPlan planEdits(const cv::Mat& truth, const Box& box, const cv::Mat& result) 
     }
   }
   return plan;
-}
-
-EditPlan scalePlan(const EditPlan& plan, double fx, double fy) {
-  auto scale = [&](std::vector<cv::Point> points) {
-    for (cv::Point& p : points) p = cv::Point(static_cast<int>(p.x * fx), static_cast<int>(p.y * fy));
-    return points;
-  };
-  EditPlan out;
-  out.box = {static_cast<int>(plan.box.x1 * fx), static_cast<int>(plan.box.y1 * fy),
-             static_cast<int>(plan.box.x2 * fx), static_cast<int>(plan.box.y2 * fy)};
-  out.addStroke = scale(plan.addStroke);
-  out.removeStroke = scale(plan.removeStroke);
-  out.loop = scale(plan.loop);
-  out.brush = std::max(2, static_cast<int>(plan.brush * fx));
-  return out;
 }
 
 CallerSession::CallerSession(const cv::Mat& bgr)
@@ -193,11 +184,6 @@ uint64_t CallerSession::maskHash() const {
   uint64_t h = 14695981039346656037ull;
   for (uint8_t b : m_mask) h = (h ^ b) * 1099511628211ull;
   return h;
-}
-
-double workingScale(int width, int height) {
-  const double s = std::sqrt(static_cast<double>(width) * height / 76800.0);
-  return s > 1.0 ? s : 1.0;
 }
 
 cv::Mat grabCutObject(const cv::Mat& bgr, const cv::Rect& rect) {

@@ -20,14 +20,14 @@ struct Box {
   int x1 = 0, y1 = 0, x2 = 0, y2 = 0;
 };
 
-// One sequence of edits on a photo: the rectangle first, then each
-// corrective edit on top of it. Points are pixels of the photo.
+// The edits on one photo: the rectangle, and the corrective edits each
+// made on top of it (planEdits). Points are pixels of the photo.
 struct EditPlan {
   Box box;
-  std::vector<cv::Point> addStroke;     // inside the object
-  std::vector<cv::Point> removeStroke;  // over background inside the box
-  std::vector<cv::Point> loop;          // closed loop across the object's outline
-  int brush = 2;                        // brush radius
+  std::vector<cv::Point> addStroke;     // brush stroke that adds
+  std::vector<cv::Point> removeStroke;  // brush stroke that removes
+  std::vector<cv::Point> loop;          // closed loop that adds
+  int brush = 2;                        // brush radius in pixels
 };
 
 // The corrective edits a user would make after the rectangle, derived from
@@ -39,16 +39,17 @@ struct EditPlan {
 //           object.
 // Each goes to the deepest point of its region. Where the region is too
 // thin for twice the brush (a good cut), the strokes change the cut: add
-// goes to the deepest point inside the box of the background the result
+// goes to the deepest point, inside the box, of the background the result
 // left out, remove to the deepest point of the object it took; the loop
 // crosses the outline at the object's leftmost point (first in row order).
-// A stroke with neither region is a dab at the photo's centre. Strokes are three points along a row, at most
-// 10 % of the shorter side long, clear of the region's edge. The brush
-// radius is 1 % of the shorter side, at least 2. The same truth and result
-// give the same edits, in every build.
+// A stroke with no region at all is a dab at the photo's centre.
+// Strokes are three points along a row, at most 10 % of the shorter side
+// long, clear of the region's edge. The brush radius is 2 % of the shorter
+// side, at least 2: with 1 % (the command-line program's default) most
+// strokes on the 640x480 photos change no pixel at all, which times an edit
+// that does no work. The same truth and result give the same edits in every
+// build.
 EditPlan planEdits(const cv::Mat& truth, const Box& box, const cv::Mat& result = cv::Mat());
-// The same plan on the photo scaled by (fx, fy); the brush scales with fx.
-EditPlan scalePlan(const EditPlan& plan, double fx, double fy);
 
 // The caller's side of one engine: the ARGB source, the mask and the preview
 // buffer, nothing more. The engine is torn down with the session.
@@ -66,10 +67,11 @@ class CallerSession {
   // the others need it and go through setMarkerImage, setCurrentMarkerVector
   // and processSegment.
   double run(EditKind kind, const EditPlan& plan);
-  // Painting part of run(): the marker image of an edit (CV_32S, the caller's
-  // labels). Exposed so that it can be done before a measured region.
+  // The caller's part of run(): the preview reset to the source and the
+  // edit's marker image (CV_32S labels) and path, ready for request(); kept
+  // apart so that a measurement can start after it.
   void prepare(EditKind kind, const EditPlan& plan);
-  // The engine part of run() after prepare(); returns ms.
+  // The engine's part of run(), after prepare(); returns ms.
   double request(EditKind kind, const EditPlan& plan);
 
   // The newest mask as 255 = object, 0 = background.
@@ -89,12 +91,10 @@ class CallerSession {
   std::vector<int> m_path;      // its drawn path, x y pairs
 };
 
-// sqrt(W*H/76800) when above 1, else 1: the factor by which the engine
-// reduces a source to its working image.
-double workingScale(int width, int height);
 // cv::grabCut from the rectangle, 5 iterations; 255 = object.
 cv::Mat grabCutObject(const cv::Mat& bgr, const cv::Rect& rect);
-// cv::grabCut on the photo reduced like the engine's working image (linear),
-// from the scaled rectangle, the mask enlarged back (nearest); 255 = object.
-// *ms is the whole time including the two resizes.
+// cv::grabCut on the photo reduced like the engine's working image (by
+// sqrt(W*H/76800) when that is above 1, linear), from the scaled rectangle;
+// the mask enlarged back (nearest); 255 = object. *ms is the whole time,
+// the two resizes included.
 cv::Mat grabCutAtWorkingSize(const cv::Mat& bgr, const Box& box, double* ms);

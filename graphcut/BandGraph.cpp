@@ -15,7 +15,7 @@ namespace {
 constexpr float kHardLink = 1000.0f;
 // Bands of more nodes than this are solved in kParts parts.
 constexpr int32_t kPartedNodes = 100000;
-constexpr int kParts = 4;
+constexpr int kParts = 8;
 constexpr double kDiagonalFactor = 0.7071067932881648;
 
 inline const uint8_t* pixelAt(const IplImage* img, int x, int y) {

@@ -178,7 +178,9 @@ ZIRKSEGraph::ZIRKSEGraph(int maxNodes, int maxEdges, int width, int height, int 
       m_bandDown(nullptr),
       m_stamp(nullptr),
       m_dist(nullptr),
-      m_time(0) {
+      m_time(0),
+      m_fillNet(nullptr),
+      m_fillLinks(nullptr) {
   const size_t nodeCount = static_cast<size_t>(maxNodes > 16 ? maxNodes : 16);
   const size_t arcCount = 2 * static_cast<size_t>(maxEdges > 16 ? maxEdges : 16);
   m_nodes = static_cast<nodes*>(ZIRK_Malloc_Msg(nodeCount * sizeof(nodes), "ZIRKSEGraph", 53));
@@ -232,7 +234,9 @@ ZIRKSEGraph::ZIRKSEGraph(ZIRKSEGraph* parent, int blockRow, int blockCol, int bl
       m_bandDown(nullptr),
       m_stamp(nullptr),
       m_dist(nullptr),
-      m_time(0) {}
+      m_time(0),
+      m_fillNet(nullptr),
+      m_fillLinks(nullptr) {}
 
 ZIRKSEGraph::~ZIRKSEGraph() {
   // A block view leaves the borrowed arrays, and their contents, alone.
@@ -244,6 +248,10 @@ ZIRKSEGraph::~ZIRKSEGraph() {
   if (m_bandDown != nullptr) ZIRK_Free_Msg(m_bandDown, "~ZIRKSEGraph", 131);
   if (m_stamp != nullptr) ZIRK_Free_Msg(m_stamp, "~ZIRKSEGraph", 132);
   if (m_dist != nullptr) ZIRK_Free_Msg(m_dist, "~ZIRKSEGraph", 133);
+  if (m_fillNet != nullptr) ZIRK_Free_Msg(m_fillNet, "~ZIRKSEGraph", 134);
+  if (m_fillLinks != nullptr) ZIRK_Free_Msg(m_fillLinks, "~ZIRKSEGraph", 135);
+  m_fillNet = nullptr;
+  m_fillLinks = nullptr;
   m_stamp = nullptr;
   m_dist = nullptr;
   m_nodes = nullptr;
@@ -872,4 +880,71 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
     g->AddToActiveQueue(g->m_nodes + g->m_bandUp[p] + (k >> 1) - 2);
   }
   return g->maxFlowSerialCall();
+}
+
+void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const float* links,
+                   bool keepFlow) {
+  const int32_t w = g->m_width, h = g->m_height;
+  const int32_t n = w * h;
+  // Infinite capacities (a colour no model explains) have no difference to
+  // carry over: such a fill starts afresh.
+  const bool sameTerminals = source == nullptr || sink == nullptr;
+  bool finite = true;
+  for (int32_t p = 0; p < n && finite && !sameTerminals; ++p) finite = std::isfinite(source[p] - sink[p]);
+  const bool warm = keepFlow && finite && g->m_fillNet != nullptr && g->m_fillLinks != nullptr &&
+                    g->m_nodeCount == n && g->m_arcCount == 8 * n && g->m_bandUp == nullptr;
+  if (sameTerminals && !warm) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "ZIRK_fillGrid: no terminal capacities to keep");
+    return;
+  }
+  if (!warm) {
+    g->reset();
+    g->addNode(n);
+    for (int32_t p = 0; p < n; ++p) g->addtWeights(p, source[p], sink[p]);
+    for (int32_t i = 0; i < 4 * n; ++i)
+      g->addEdge(i / 4, -1, links[i], links[i], links[i] == kAbsentArc);
+  } else {
+    // Terminal links: the residual moves by the change of capacity.
+    float* const arcs = g->m_arcs;
+    for (int32_t p = 0; p < n && !sameTerminals; ++p) {
+      const float net = source[p] - sink[p];
+      g->m_nodes[p].tr_cap += net - g->m_fillNet[p];
+    }
+    // Links: the flow p -> q stays where it fits; the overflow returns to
+    // the terminals (p keeps what it can no longer send, q lacks it).
+    const int32_t offset[4] = {-1, -w - 1, -w, -w + 1};
+    for (int32_t i = 0; i < 4 * n; ++i) {
+      const int32_t p = i / 4, a = 8 * p + 2 * (i % 4);
+      if (arcs[a] == kAbsentArc) continue;
+      const float c = links[i];
+      const float f = 0.5f * (arcs[a ^ 1] - arcs[a]);  // flow from p to its neighbour
+      if (std::fabs(f) <= c) {
+        arcs[a] = c - f;
+        arcs[a ^ 1] = c + f;
+        continue;
+      }
+      nodes* q = g->m_nodes + p + offset[i % 4];
+      const float over = std::fabs(f) - c;
+      if (f > 0.0f) {
+        arcs[a] = 0.0f;
+        arcs[a ^ 1] = 2.0f * c;
+        g->m_nodes[p].tr_cap += over;
+        q->tr_cap -= over;
+      } else {
+        arcs[a] = 2.0f * c;
+        arcs[a ^ 1] = 0.0f;
+        g->m_nodes[p].tr_cap -= over;
+        q->tr_cap += over;
+      }
+    }
+  }
+  if (!keepFlow) return;
+  if (g->m_fillNet == nullptr)
+    g->m_fillNet = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * n, "ZIRK_fillGrid", 1));
+  if (g->m_fillLinks == nullptr)
+    g->m_fillLinks = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * 4 * n, "ZIRK_fillGrid", 2));
+  if (g->m_fillNet == nullptr || g->m_fillLinks == nullptr) return;  // logged; next fill is fresh
+  if (!sameTerminals)
+    for (int32_t p = 0; p < n; ++p) g->m_fillNet[p] = source[p] - sink[p];
+  std::copy(links, links + 4 * n, g->m_fillLinks);
 }

@@ -141,6 +141,11 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   int32_t* m_stamp;
   int32_t* m_dist;
   int32_t m_time;
+  // The capacities of the last fill through ZIRK_fillGrid (per node its
+  // source minus sink capacity, and its four link capacities), kept when the
+  // next fill may start from this solve's flow. Null otherwise.
+  float* m_fillNet;
+  float* m_fillLinks;
 
   // Checks that the arrays hold the whole width x height grid and marks grid
   // nodes and arc slots never added as free nodes and absent arcs. Logs and
@@ -157,3 +162,18 @@ class SEGCORE_EXPORT ZIRKSEGraph {
 // serial solve, with most of the work done in parallel. Returns the flow.
 float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
                             const std::vector<int32_t>& seams);
+
+// Fills a full grid graph (numBlocks 0) of width x height nodes: per node
+// its source and sink capacity and the capacities of its four links to the
+// left, up-left, up and up-right neighbours (the same both ways; kAbsentArc:
+// absent). With keepFlow, a graph solved after an earlier fill through this
+// function keeps that solve's flow: terminal capacities change by the
+// difference, a link's flow stays where it fits its new capacity and
+// otherwise the overflow goes back to the two nodes' terminals. The next
+// maxFlow() then finds the same minimum cut as on a fresh fill, with less
+// work when little changed. Without it (or after no such solve) the graph
+// is filled afresh in the order of addtWeights and addEdge. Null source and
+// sink keep the terminal capacities of the last fill (only with keepFlow
+// after such a fill; otherwise logged and nothing is filled).
+void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const float* links,
+                   bool keepFlow);

@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <new>
+#include <vector>
 
 #include "engine/ZIRKSEMarker.h"
 #include "graphcut/BandGraph.h"
@@ -37,35 +38,25 @@ bool covers(const IplImage* img, int w, int h, int channels) {
          img->width >= w && img->height >= h;
 }
 
-// The box graph's four n-links of node (x, y): slots in the graph's order,
-// each either present with cap in both directions or absent.
-struct EdgeWriter {
-  ZIRKSEGraph* g;
-  void present(int from, int to, double cap) const {
-    const float c = static_cast<float>(cap);
-    g->addEdge(from, to, c, c, false);
-  }
-  void absent(int from) const { g->addEdge(from, -1, kAbsentArc, kAbsentArc, true); }
-};
-
 }  // namespace
 
 void ZIRKSEHybrid::constructGraphZIRK() { constructGraphZIRK_Whole_Image(); }
 
-void ZIRKSEHybrid::constructGraphZIRK_Whole_Image() {
-  const int w = m_cropWidth;
-  const int h = m_cropHeight;
+void ZIRK_fillBoxGraph(ZIRKSEHybrid* hybrid, bool keepFlow, bool sameModels) {
+  ZIRKSEHybrid& self = *hybrid;
+  const int w = self.m_cropWidth;
+  const int h = self.m_cropHeight;
   const int x0 = ZIRKSEMarker::m_xMinBBox;
   const int y0 = ZIRKSEMarker::m_yMinBBox;
   // Refuse anything that would read or write outside the arrays: the graph
   // must have the box's grid and capacity, the crops the box's size, and the
   // box must lie inside the working image whose weights are stored.
-  if (m_graph == nullptr || m_graph->m_nodes == nullptr || m_graph->m_arcs == nullptr ||
-      m_graph->m_width != w || m_graph->m_height != h || w < 1 || h < 1 ||
-      m_graph->m_nodeMax - m_graph->m_nodes < static_cast<ptrdiff_t>(w) * h ||
-      m_graph->m_arcMax - m_graph->m_arcs < static_cast<ptrdiff_t>(8) * w * h ||
-      !covers(m_cropSrcImage, w, h, 3) || !covers(m_cropLabelImage, w, h, 1) || x0 < 0 ||
-      y0 < 0 || x0 + w > m_width || y0 + h > m_height || m_nlinks == nullptr) {
+  if (self.m_graph == nullptr || self.m_graph->m_nodes == nullptr || self.m_graph->m_arcs == nullptr ||
+      self.m_graph->m_width != w || self.m_graph->m_height != h || w < 1 || h < 1 ||
+      self.m_graph->m_nodeMax - self.m_graph->m_nodes < static_cast<ptrdiff_t>(w) * h ||
+      self.m_graph->m_arcMax - self.m_graph->m_arcs < static_cast<ptrdiff_t>(8) * w * h ||
+      !covers(self.m_cropSrcImage, w, h, 3) || !covers(self.m_cropLabelImage, w, h, 1) || x0 < 0 ||
+      y0 < 0 || x0 + w > self.m_width || y0 + h > self.m_height || self.m_nlinks == nullptr) {
     __android_log_print(ANDROID_LOG_ERROR, "Error",
                         "constructGraphZIRK_Whole_Image: graph, crops or weights do not match the "
                         "box %d x %d at (%d, %d)",
@@ -82,13 +73,15 @@ void ZIRKSEHybrid::constructGraphZIRK_Whole_Image() {
     grey = false;
   }
 
-  // 1. Empty graph with one node a pixel.
-  m_graph->reset();
-  m_graph->addNode(h * w);
+  // 1. The capacities of every node and link, then the graph's fill.
+  const size_t n = static_cast<size_t>(w) * h;
+  std::vector<float> sources(n), sinks(n), links(4 * n);  // (the t-links only when computed)
 
-  // 2. T-links.
-  for (int y = 0; y < h; ++y) {
-    const uint8_t* labels = pixelAt(m_cropLabelImage, 0, y);
+  // 2. T-links; the models and the fixed labels decide them, so with the
+  // same models they are those of the last fill.
+  const bool sameTerminals = keepFlow && sameModels && self.m_graph->m_fillNet != nullptr;
+  for (int y = 0; y < h && !sameTerminals; ++y) {
+    const uint8_t* labels = pixelAt(self.m_cropLabelImage, 0, y);
     for (int x = 0; x < w; ++x) {
       const int node = y * w + x;
       double source;
@@ -100,50 +93,42 @@ void ZIRKSEHybrid::constructGraphZIRK_Whole_Image() {
         source = kHardLink;
         sink = 0.0;
       } else if (!grey) {
-        const uint8_t* c = pixelAt(m_cropSrcImage, x, y);
+        const uint8_t* c = pixelAt(self.m_cropSrcImage, x, y);
         const pixelVal p{static_cast<double>(c[0]), static_cast<double>(c[1]),
                          static_cast<double>(c[2])};
-        source = -std::log(m_bgModel.GMMProb(p));
-        sink = -std::log(m_fgModel.GMMProb(p));
+        source = -std::log(self.m_bgModel.GMMProb(p));
+        sink = -std::log(self.m_fgModel.GMMProb(p));
       } else {
-        const pixelVal p{static_cast<double>(pixelAt(m_cropSrcImage, x, y)[0]),
+        const pixelVal p{static_cast<double>(pixelAt(self.m_cropSrcImage, x, y)[0]),
                          static_cast<double>(*pixelAt(texH, x + x0, y + y0)),
                          static_cast<double>(*pixelAt(texV, x + x0, y + y0))};
-        const double lb = std::log(m_bgModel.GMMProb(p));
-        const double lf = std::log(m_fgModel.GMMProb(p));
+        const double lb = std::log(self.m_bgModel.GMMProb(p));
+        const double lf = std::log(self.m_fgModel.GMMProb(p));
         sink = -lf;
         // Models that cannot tell the pixel apart leave it no terminal pull.
         source = std::fabs(static_cast<float>(lf - lb)) < kGreyTie ? -lf : -lb;
       }
-      m_graph->addtWeights(node, static_cast<float>(source), static_cast<float>(sink));
+      sources[node] = static_cast<float>(source);
+      sinks[node] = static_cast<float>(sink);
     }
   }
 
   // 3. N-links from the stored weights, in whole-image coordinates.
-  const EdgeWriter edge{m_graph};
   for (int y = 0; y < h; ++y) {
-    const float* weights = m_nlinks + (static_cast<size_t>(y + y0) * m_width + x0) * 4;
-    for (int x = 0; x < w; ++x, weights += 4) {
-      const int p = y * w + x;
-      if (x >= 1)
-        edge.present(p, p - 1, m_lamda * weights[0]);
-      else
-        edge.absent(p);
-      if (y >= 1 && x >= 1)
-        edge.present(p, p - w - 1, m_lamda * weights[1]);
-      else
-        edge.absent(p);
-      if (y >= 1)
-        edge.present(p, p - w, m_lamda * weights[2]);
-      else
-        edge.absent(p);
-      if (y >= 1 && x < w - 1)
-        edge.present(p, p - w + 1, m_lamda * weights[3]);
-      else
-        edge.absent(p);
+    const float* weights = self.m_nlinks + (static_cast<size_t>(y + y0) * self.m_width + x0) * 4;
+    float* l = links.data() + static_cast<size_t>(y) * w * 4;
+    for (int x = 0; x < w; ++x, weights += 4, l += 4) {
+      l[0] = x >= 1 ? static_cast<float>(self.m_lamda * weights[0]) : kAbsentArc;
+      l[1] = y >= 1 && x >= 1 ? static_cast<float>(self.m_lamda * weights[1]) : kAbsentArc;
+      l[2] = y >= 1 ? static_cast<float>(self.m_lamda * weights[2]) : kAbsentArc;
+      l[3] = y >= 1 && x < w - 1 ? static_cast<float>(self.m_lamda * weights[3]) : kAbsentArc;
     }
   }
+  ZIRK_fillGrid(self.m_graph, sameTerminals ? nullptr : sources.data(),
+                sameTerminals ? nullptr : sinks.data(), links.data(), keepFlow);
 }
+
+void ZIRKSEHybrid::constructGraphZIRK_Whole_Image() { ZIRK_fillBoxGraph(this, false, false); }
 
 int ZIRKSEHybrid::constructGraphTrimapZIRK(IplImage* colourImage, IplImage* /*spare*/,
                                            IplImage* trimap, IplImage* featureA,

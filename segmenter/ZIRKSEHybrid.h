@@ -98,3 +98,10 @@ class SEGCORE_EXPORT ZIRKSEHybrid {
   ZIRKSEColorModel m_fgModel;   // object colours
   ZIRKSEColorModel m_bgModel;   // background colours
 };
+
+// Fills the box graph as constructGraphZIRK_Whole_Image does; with
+// keepFlow, a graph already solved in this segmentation starts from that
+// solve's flow (see ZIRK_fillGrid), which finds the same cut with less work.
+// sameModels: the colour models are those of the last fill, so are the
+// terminal capacities (the fixed labels never change within a segmentation).
+void ZIRK_fillBoxGraph(ZIRKSEHybrid* hybrid, bool keepFlow, bool sameModels);

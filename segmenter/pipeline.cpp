@@ -281,6 +281,7 @@ IplImage* ZIRKSEHybrid::segment() {
   for (int i = 0; i < kIterations; ++i) {
     // 5.1 What to do with the models this time (and the trial's weight).
     if (ask) mode = parallelLamdaSwtich(i);
+    const bool sameModels = i > 0 && mode != 0 && mode != 1;
 
     // 5.2-5.3 Fit or refit the models; invert their covariances, with a
     // heavy regulariser for a homogenous background.
@@ -315,7 +316,8 @@ IplImage* ZIRKSEHybrid::segment() {
     // 5.5 Fill, cut, relabel.
     {
       StageTimer t(&g_t_tAndNLinks);
-      constructGraphZIRK_Whole_Image();
+      // From the second cut on, the previous cut's flow is the start.
+      ZIRK_fillBoxGraph(this, true, sameModels);
     }
     {
       StageTimer t(&g_t_maxflow);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <new>
+#include <thread>
 
 #include "engine/ZIRKSEMarker.h"
 #include "support/ZIRKMemory.h"
@@ -16,6 +17,9 @@ constexpr float kHardLink = 1000.0f;
 // Bands of more nodes than this are solved in kParts parts.
 constexpr int32_t kPartedNodes = 100000;
 constexpr int kParts = 8;
+// Bands of more nodes than this compute their capacities on kBuildThreads threads.
+constexpr int32_t kThreadedBuildNodes = 16384;
+constexpr int kBuildThreads = 4;
 constexpr double kDiagonalFactor = 0.7071067932881648;
 
 inline const uint8_t* pixelAt(const IplImage* img, int x, int y) {
@@ -198,7 +202,7 @@ void BandGraph::layOutNodes() {
 }
 
 ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, const IplImage* texB,
-                              const TrimapLinks& links) {
+                              const TrimapLinks& links, int buildThreads) {
   const int32_t n = m_nodeCount;
   if (n < 1 || n > (INT32_MAX - 16) / 16) return nullptr;
   // The solver reads the grid as one row of n nodes; the rows above and
@@ -238,53 +242,61 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
     }
   }
 
-  g->reset();
-  g->addNode(n);
+  // Capacities per node, computed on several threads over bands of rows
+  // (each node's values depend on its own pixels only, so the split changes
+  // nothing), then entered in node order.
   const bool grey = texA != nullptr && texB != nullptr;
-  for (int row = 0; row < rows; ++row) {
-    const int y = m_rowFirst + row;
-    forEachNodeInRow(y, [&](int x, int, int32_t p) {
-      const uint8_t l = label(x, y);
-      if (!linked(l)) {
-        for (int k = 0; k < 4; ++k) g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
-        return;
-      }
-      const uint8_t* c = pixelAt(colour, x, y);
-      // The capacity of the link to neighbour (x + dx, y + dy).
-      auto link = [&](int dx, int dy) {
-        if (dy == 0) return links.horizontal();
-        const uint8_t* q = pixelAt(colour, x + dx, y + dy);
-        return dx == 0 ? links.vertical(c, q) : links.diagonal(c, q);
-      };
-      const uint8_t fa = grey ? pixelAt(texA, m_xmap[x], m_ymap[y])[0] : 0;
-      const uint8_t fb = grey ? pixelAt(texB, m_xmap[x], m_ymap[y])[0] : 0;
-      float source, sink;
-      links.terminal(l, c, fa, fb, &source, &sink);
-      if (m_unknownOnly) {
-        // Links to merged fixed pixels lead straight to their terminal.
-        for (int dy = -1; dy <= 1; ++dy) {
-          for (int dx = -1; dx <= 1; ++dx) {
-            const uint8_t n = (dx | dy) != 0 ? label(x + dx, y + dy) : uint8_t{kLabelOutsideBand};
-            if (n == kLabelObjectFixed) source += link(dx, dy);
-            if (n == kLabelBackgroundFixed) sink += link(dx, dy);
+  std::vector<float> sources(n, 0.0f), sinks(n, 0.0f), caps(4 * static_cast<size_t>(n), kAbsentArc);
+  std::vector<uint8_t> isLinked(n, 0);
+  auto fillRows = [&](int rowBegin, int rowEnd) {
+    for (int row = rowBegin; row < rowEnd; ++row) {
+      const int y = m_rowFirst + row;
+      forEachNodeInRow(y, [&](int x, int, int32_t p) {
+        const uint8_t l = label(x, y);
+        if (!linked(l)) return;
+        isLinked[p] = 1;
+        const uint8_t* c = pixelAt(colour, x, y);
+        // The capacity of the link to neighbour (x + dx, y + dy).
+        auto link = [&](int dx, int dy) {
+          if (dy == 0) return links.horizontal();
+          const uint8_t* q = pixelAt(colour, x + dx, y + dy);
+          return dx == 0 ? links.vertical(c, q) : links.diagonal(c, q);
+        };
+        const uint8_t fa = grey ? pixelAt(texA, m_xmap[x], m_ymap[y])[0] : 0;
+        const uint8_t fb = grey ? pixelAt(texB, m_xmap[x], m_ymap[y])[0] : 0;
+        links.terminal(l, c, fa, fb, &sources[p], &sinks[p]);
+        if (m_unknownOnly) {
+          // Links to merged fixed pixels lead straight to their terminal.
+          for (int dy = -1; dy <= 1; ++dy) {
+            for (int dx = -1; dx <= 1; ++dx) {
+              const uint8_t q = (dx | dy) != 0 ? label(x + dx, y + dy) : uint8_t{kLabelOutsideBand};
+              if (q == kLabelObjectFixed) sources[p] += link(dx, dy);
+              if (q == kLabelBackgroundFixed) sinks[p] += link(dx, dy);
+            }
           }
         }
-      }
-      g->addtWeights(p, source, sink);
-      // Links to the left, up-left, up and up-right neighbours that are linked too.
-      if (linked(label(x - 1, y)))
-        g->addEdge(p, p - 1, links.horizontal(), links.horizontal(), false);
-      else
-        g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
-      for (int dx = -1; dx <= 1; ++dx) {
-        if (!linked(label(x + dx, y - 1))) {
-          g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
-          continue;
-        }
-        const float cap = link(dx, -1);
-        g->addEdge(p, up[p] + dx, cap, cap, false);
-      }
-    });
+        // Links to the left, up-left, up and up-right neighbours that are linked too.
+        float* slot = caps.data() + 4 * static_cast<size_t>(p);
+        if (linked(label(x - 1, y))) slot[0] = links.horizontal();
+        for (int dx = -1; dx <= 1; ++dx)
+          if (linked(label(x + dx, y - 1))) slot[2 + dx] = link(dx, -1);
+      });
+    }
+  };
+  const int threads =
+      buildThreads > 0 ? std::min(buildThreads, std::max(rows, 1)) : (n > kThreadedBuildNodes ? kBuildThreads : 1);
+  std::vector<std::thread> workers;
+  for (int t = 1; t < threads; ++t)
+    workers.emplace_back(fillRows, rows * t / threads, rows * (t + 1) / threads);
+  fillRows(0, rows / threads);
+  for (std::thread& worker : workers) worker.join();
+
+  g->reset();
+  g->addNode(n);
+  for (int32_t p = 0; p < n; ++p) {
+    if (isLinked[p]) g->addtWeights(p, sources[p], sinks[p]);
+    const float* slot = caps.data() + 4 * static_cast<size_t>(p);
+    for (int k = 0; k < 4; ++k) g->addEdge(p, -1, slot[k], slot[k], slot[k] == kAbsentArc);
   }
   return g;
 }

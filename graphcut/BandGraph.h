@@ -87,9 +87,10 @@ class BandGraph {
   // Builds the graph over the band: colour is the full-size 3-channel
   // source; texA and texB the working-size texture maps in grey mode (null
   // otherwise). Returns null when its arrays can not be allocated (logged).
-  // The caller owns the graph.
+  // The caller owns the graph. A large band computes its capacities on
+  // several threads (the same numbers); buildThreads > 0 sets how many.
   ZIRKSEGraph* build(const IplImage* colour, const IplImage* texA, const IplImage* texB,
-                     const TrimapLinks& links);
+                     const TrimapLinks& links, int buildThreads = 0);
 
   // Calls visit(x, y, node) for every node of full row y, in node order.
   template <class Visit>

@@ -21,6 +21,7 @@
 // full-resolution refinement has no slot of its own: it is what TotalTime
 // holds beyond the other stages (with small bookkeeping such as cropping and
 // the history update).
+#include <opencv2/imgproc.hpp>
 #include <opencv2/imgproc/imgproc_c.h>
 
 #include <cmath>
@@ -138,22 +139,33 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
   const int h = marker->height;
   const int kind = ZIRKSEMarker::currentStroke.type;
 
-  // 2. A brush stroke gets an estimated ring around it.
+  // 2. A brush stroke gets an estimated ring around it. The dilation only
+  // reaches n pixels from a mark, so it runs on the marks' bounding box
+  // grown by n; everything beyond stays 0 either way.
   if (isBrushEdit(kind)) {
     const uint8_t oldLabel = kind == kEditStrokeAdd ? kLabelObjectFixed : kLabelBackgroundFixed;
     const uint8_t newLabel = kind == kEditStrokeAdd ? kLabelObjectEst : kLabelBackgroundEst;
-    IplImage* clone = cvCloneImage(marker);
-    ZIRKReleaseOnExit releaseClone(&clone);
     const int n = static_cast<int>(std::sqrt(static_cast<double>(w) * h) * kBrushRingFraction);
-    cvDilate(clone, marker, nullptr, n);
-    for (int y = 0; y < h; ++y) {
-      uint8_t* m = pixelRow(marker, y);
-      const uint8_t* c = pixelRow(clone, y);
-      for (int x = 0; x < w; ++x) {
-        if (m[x] == oldLabel && c[x] == 0) m[x] = newLabel;
+    const cv::Rect marked = cv::boundingRect(cv::cvarrToMat(marker));
+    const cv::Rect reach = cv::Rect(marked.x - n, marked.y - n, marked.width + 2 * n,
+                                    marked.height + 2 * n) & cv::Rect(0, 0, w, h);
+    if (!marked.empty() && !reach.empty()) {
+      IplImage* clone = cvCloneImage(marker);
+      ZIRKReleaseOnExit releaseClone(&clone);
+      cvSetImageROI(clone, cvRect(reach.x, reach.y, reach.width, reach.height));
+      cvSetImageROI(marker, cvRect(reach.x, reach.y, reach.width, reach.height));
+      cvDilate(clone, marker, nullptr, n);
+      cvResetImageROI(marker);
+      cvResetImageROI(clone);
+      for (int y = reach.y; y < reach.y + reach.height; ++y) {
+        uint8_t* m = pixelRow(marker, y);
+        const uint8_t* c = pixelRow(clone, y);
+        for (int x = reach.x; x < reach.x + reach.width; ++x) {
+          if (m[x] == oldLabel && c[x] == 0) m[x] = newLabel;
+        }
       }
+      cvReleaseImage(&clone);
     }
-    cvReleaseImage(&clone);
   }
 
   // 3. The newest history mask and a copy of the marks.

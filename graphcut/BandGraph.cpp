@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <new>
+#include <system_error>
 #include <thread>
 
 #include "engine/ZIRKSEMarker.h"
@@ -286,9 +287,15 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
   const int threads =
       buildThreads > 0 ? std::min(buildThreads, std::max(rows, 1)) : (n > kThreadedBuildNodes ? kBuildThreads : 1);
   std::vector<std::thread> workers;
-  for (int t = 1; t < threads; ++t)
-    workers.emplace_back(fillRows, rows * t / threads, rows * (t + 1) / threads);
-  fillRows(0, rows / threads);
+  std::vector<int> here{0};  // bands done on this thread: the first, and any whose thread failed
+  for (int t = 1; t < threads; ++t) {
+    try {
+      workers.emplace_back(fillRows, rows * t / threads, rows * (t + 1) / threads);
+    } catch (const std::system_error&) {
+      here.push_back(t);
+    }
+  }
+  for (int t : here) fillRows(rows * t / threads, rows * (t + 1) / threads);
   for (std::thread& worker : workers) worker.join();
 
   g->reset();

@@ -34,6 +34,8 @@
 #include <cstddef>
 #include <algorithm>
 #include <cstdint>
+#include <memory>
+#include <system_error>
 #include <thread>
 
 #include "engine/ZIRKSEMarker.h"
@@ -838,9 +840,12 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
 
   // 2. Each part solves on its own thread, over its own queues; they share
   // the arrays but touch disjoint nodes.
+  // A view borrows the arrays; it leaves them alone when it goes.
+  std::vector<std::unique_ptr<ZIRKSEGraph>> owned;
   std::vector<ZIRKSEGraph*> views;
   for (size_t i = 0; i < count; ++i) {
-    ZIRKSEGraph* v = new ZIRKSEGraph(g, 0, 0, 0, 0);
+    owned.emplace_back(new ZIRKSEGraph(g, 0, 0, 0, 0));
+    ZIRKSEGraph* v = owned.back().get();
     v->m_bandUp = g->m_bandUp;
     v->m_bandDown = g->m_bandDown;
     v->m_stamp = g->m_stamp;
@@ -856,9 +861,17 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
     n->next = nullptr;
     views[part]->AddToActiveQueue(n);
   }
+  // A part whose thread can not be started solves on this thread.
   std::vector<std::thread> threads;
-  for (size_t i = 1; i < count; ++i) threads.emplace_back([v = views[i]] { v->maxFlowSerialCall(); });
-  views[0]->maxFlowSerialCall();
+  std::vector<ZIRKSEGraph*> here{views[0]};
+  for (size_t i = 1; i < count; ++i) {
+    try {
+      threads.emplace_back([v = views[i]] { v->maxFlowSerialCall(); });
+    } catch (const std::system_error&) {
+      here.push_back(views[i]);
+    }
+  }
+  for (ZIRKSEGraph* v : here) v->maxFlowSerialCall();
   for (std::thread& t : threads) t.join();
 
   // 3. The links come back; their ends scan again, and the whole graph is
@@ -867,9 +880,6 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
   for (ZIRKSEGraph* v : views) {
     g->m_flow += v->m_flow;
     latest = std::max(latest, v->m_time);
-    // A view leaves the shared arrays alone when it goes.
-    v->m_bandUp = v->m_bandDown = v->m_stamp = v->m_dist = nullptr;
-    delete v;
   }
   g->m_time = latest;
   for (const Held& h : held) {

@@ -13,6 +13,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <new>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "engine/ZIRKSEMarker.h"
@@ -24,6 +26,10 @@
 namespace {
 
 constexpr double kHardLink = 1000.0;
+// Boxes of at least this many pixels compute their terminal capacities on
+// kTerminalThreads threads.
+constexpr size_t kThreadedPixels = 16384;
+constexpr int kTerminalThreads = 4;
 // Log-likelihoods closer than this cannot tell the grey models apart.
 constexpr float kGreyTie = 0.0001f;
 
@@ -80,37 +86,55 @@ void ZIRK_fillBoxGraph(ZIRKSEHybrid* hybrid, bool keepFlow, bool sameModels) {
   // 2. T-links; the models and the fixed labels decide them, so with the
   // same models they are those of the last fill.
   const bool sameTerminals = keepFlow && sameModels && self.m_graph->m_fillNet != nullptr;
-  for (int y = 0; y < h && !sameTerminals; ++y) {
-    const uint8_t* labels = pixelAt(self.m_cropLabelImage, 0, y);
-    for (int x = 0; x < w; ++x) {
-      const int node = y * w + x;
-      double source;
-      double sink;
-      if (labels[x] == kLabelBackgroundFixed) {
-        source = 0.0;
-        sink = kHardLink;
-      } else if (labels[x] == kLabelObjectFixed) {
-        source = kHardLink;
-        sink = 0.0;
-      } else if (!grey) {
-        const uint8_t* c = pixelAt(self.m_cropSrcImage, x, y);
-        const pixelVal p{static_cast<double>(c[0]), static_cast<double>(c[1]),
-                         static_cast<double>(c[2])};
-        source = -std::log(self.m_bgModel.GMMProb(p));
-        sink = -std::log(self.m_fgModel.GMMProb(p));
-      } else {
-        const pixelVal p{static_cast<double>(pixelAt(self.m_cropSrcImage, x, y)[0]),
-                         static_cast<double>(*pixelAt(texH, x + x0, y + y0)),
-                         static_cast<double>(*pixelAt(texV, x + x0, y + y0))};
-        const double lb = std::log(self.m_bgModel.GMMProb(p));
-        const double lf = std::log(self.m_fgModel.GMMProb(p));
-        sink = -lf;
-        // Models that cannot tell the pixel apart leave it no terminal pull.
-        source = std::fabs(static_cast<float>(lf - lb)) < kGreyTie ? -lf : -lb;
+  auto terminalRows = [&](int yBegin, int yEnd) {
+    for (int y = yBegin; y < yEnd; ++y) {
+      const uint8_t* labels = pixelAt(self.m_cropLabelImage, 0, y);
+      for (int x = 0; x < w; ++x) {
+        const int node = y * w + x;
+        double source;
+        double sink;
+        if (labels[x] == kLabelBackgroundFixed) {
+          source = 0.0;
+          sink = kHardLink;
+        } else if (labels[x] == kLabelObjectFixed) {
+          source = kHardLink;
+          sink = 0.0;
+        } else if (!grey) {
+          const uint8_t* c = pixelAt(self.m_cropSrcImage, x, y);
+          const pixelVal p{static_cast<double>(c[0]), static_cast<double>(c[1]),
+                           static_cast<double>(c[2])};
+          source = -std::log(self.m_bgModel.GMMProb(p));
+          sink = -std::log(self.m_fgModel.GMMProb(p));
+        } else {
+          const pixelVal p{static_cast<double>(pixelAt(self.m_cropSrcImage, x, y)[0]),
+                           static_cast<double>(*pixelAt(texH, x + x0, y + y0)),
+                           static_cast<double>(*pixelAt(texV, x + x0, y + y0))};
+          const double lb = std::log(self.m_bgModel.GMMProb(p));
+          const double lf = std::log(self.m_fgModel.GMMProb(p));
+          sink = -lf;
+          // Models that cannot tell the pixel apart leave it no terminal pull.
+          source = std::fabs(static_cast<float>(lf - lb)) < kGreyTie ? -lf : -lb;
+        }
+        sources[node] = static_cast<float>(source);
+        sinks[node] = static_cast<float>(sink);
       }
-      sources[node] = static_cast<float>(source);
-      sinks[node] = static_cast<float>(sink);
     }
+  };
+  // Each pixel's capacities depend on that pixel alone: large boxes share
+  // the rows out over threads (the same numbers), a row band per thread.
+  if (!sameTerminals) {
+    const int threads = n >= kThreadedPixels ? kTerminalThreads : 1;
+    std::vector<std::thread> workers;
+    std::vector<int> here{0};
+    for (int t = 1; t < threads; ++t) {
+      try {
+        workers.emplace_back(terminalRows, h * t / threads, h * (t + 1) / threads);
+      } catch (const std::system_error&) {
+        here.push_back(t);
+      }
+    }
+    for (int t : here) terminalRows(h * t / threads, h * (t + 1) / threads);
+    for (std::thread& worker : workers) worker.join();
   }
 
   // 3. N-links from the stored weights, in whole-image coordinates.

@@ -259,7 +259,21 @@ bool historyRequestValid(const char* function, unsigned int* argb, unsigned char
 
 // ------------------------------------------------------- bodies of the calls
 
+// Drops the current source with everything built on it: the engine, the
+// history, the request images and the contours of the last preview.
+void dropSource() {
+  freeRequestImages();
+  teardownEngine();
+}
+
 void setSourceBody(int width, int height, unsigned int* argb) {
+  // A new image was asked for: the old one goes whether or not the new one
+  // can be taken, so that no later call shows or cuts the old image.
+  if (pHybrid != nullptr) {
+    // The segmenter's working image and weights belong to the old source.
+    logCallError("setSourceImage", "an engine exists; it is torn down first");
+  }
+  dropSource();
   if (width < 1 || height < 1) {
     // No image can be made of this size: nothing is created or copied.
     ZIRK_LogMemoryCrash("setSourceImage", 115);
@@ -273,18 +287,6 @@ void setSourceBody(int width, int height, unsigned int* argb) {
     logCallError("setSourceImage", "image too large");
     return;
   }
-  if (pHybrid != nullptr) {
-    // The segmenter's working image and weights belong to the old source.
-    logCallError("setSourceImage", "an engine exists; it is torn down first");
-    freeRequestImages();
-    teardownEngine();
-  }
-  // A source set earlier without a teardown is released, not leaked, and so
-  // are the contours of its last preview.
-  ZIRK_ReleaseImage(&ZIRKSEMarker::m_originalImage);
-  ZIRKSEManageUndoRedo::deallocate();
-  ZIRK_ReleaseContourStorage();
-  ZIRKSEMarker::m_originalWidth = ZIRKSEMarker::m_originalHeight = 0;
 
   ImagePtr image(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3));
   uint8_t* data = reinterpret_cast<uint8_t*>(image->imageData);
@@ -309,6 +311,9 @@ void setSourceBody(int width, int height, unsigned int* argb) {
 }
 
 int setMarkerBody(int width, int height, int* markers, int kind) {
+  // An earlier marker image no request has used goes first, also when this
+  // one is refused: a later request must not run on the old marks.
+  ZIRK_ReleaseImage(&g_markerImage);
   if (width < 1 || height < 1) {
     ZIRK_LogMemoryCrash("setMarkerImage", 164);
     ZIRK_LogMemoryCrash("setMarkerImage", 173);
@@ -330,7 +335,6 @@ int setMarkerBody(int width, int height, int* markers, int kind) {
                         ZIRKSEMarker::m_originalImage->height);
     return 0;
   }
-  ZIRK_ReleaseImage(&g_markerImage);  // an unused earlier marker image
   ImagePtr converted(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1));
   // The caller's ints are only read, through a header over their array.
   HeaderPtr wrapper(cvCreateImageHeader(cvSize(width, height), IPL_DEPTH_32S, 1));
@@ -425,12 +429,9 @@ int processSegmentBody(unsigned int* argb, unsigned char* mask) {
     writeSourceAsArgb(argb);
     ZIRK_ReleaseImage(&g_markerImage);
   }
-  if (deferredTeardown()) return -1;
-  // A cancel (or the time-out, which raises the same flag) concerned the
-  // segmentation that has now ended; left raised, it would stop every later
-  // edit after its first iteration.
-  if (segmented) ZIRKSEMarker::m_exitApp = false;
-  return 0;
+  // The cancel stays raised: only a reset or a new engine lowers it, so an
+  // exitSegmentation made after this request still finds it.
+  return deferredTeardown() ? -1 : 0;
 }
 
 void cutOutBody(unsigned int* argb, unsigned char* mask) {
@@ -550,8 +551,7 @@ void doSegmentationBBBody(int width, int height, unsigned int* argb, int x1, int
     for (int x = x1; x <= x2; ++x) markers.get()[static_cast<size_t>(y) * width + x] = kLabelObjectEst;
   }
 
-  freeRequestImages();
-  teardownEngine();
+  dropSource();
   resetEditSequence();
   setSourceBody(width, height, argb);
   if (!haveSource()) return;  // logged
@@ -623,8 +623,7 @@ int deinitSegmentation() {
   runGuarded("deinitSegmentation", [] {
     // The marker image and mask of an unfinished request go too, and so does
     // a teardown request that no request has honoured: it meant this engine.
-    freeRequestImages();
-    teardownEngine();
+    dropSource();
     storeExitStatus(0);
   });
   return 0;
@@ -676,11 +675,8 @@ int setCurrentMarkerVector(int count, int* points) {
 
 int processSegment(int, int, int, unsigned int* argb, unsigned char* mask) {
   int result = 0;
-  if (!runGuarded("processSegment", [&] { result = processSegmentBody(argb, mask); })) {
-    // A failed segmentation was still a segmentation: its cancel is spent.
-    if (pHybrid != nullptr) ZIRKSEMarker::m_exitApp = false;
+  if (!runGuarded("processSegment", [&] { result = processSegmentBody(argb, mask); }))
     result = pHybrid != nullptr ? 0 : -1;
-  }
   return result;
 }
 

@@ -253,6 +253,7 @@ IplImage* ZIRKSEHybrid::segment() {
     clearMemory();
     return nullptr;
   }
+  if (cancelSegmentation()) return endCancelled();
 
   // 3-4. The box's graph and crops.
   graphSpaceDellocator();
@@ -330,19 +331,24 @@ IplImage* ZIRKSEHybrid::segment() {
     }
 
     // 5.7 Cancelled or out of time: no result, history untouched.
-    if (cancelSegmentation()) {
-      __android_log_print(ANDROID_LOG_ERROR, "Error", "Segmentation canceled due to timeout");
-      clearMemory();
-      return nullptr;
-    }
+    if (cancelSegmentation()) return endCancelled();
   }
 
-  // 6. Final check for homogenous images, then the mask.
+  // 6. Final check for homogenous images, then the mask. The refinement and
+  // the clean-up check the cancel and the budget too; a mask that comes back
+  // is in the history.
   if (ZIRKSEMarker::m_isHomogenous) chooseIter();
   graphSpaceDellocator();
   IplImage* mask = getObjMask();
+  if (mask == nullptr && cancelSegmentation()) return endCancelled();
   clearMemory();
   return mask;
+}
+
+IplImage* ZIRKSEHybrid::endCancelled() {
+  __android_log_print(ANDROID_LOG_ERROR, "Error", "Segmentation canceled due to timeout");
+  clearMemory();
+  return nullptr;
 }
 
 int ZIRKSEHybrid::updateLabelImage() {
@@ -401,7 +407,8 @@ IplImage* ZIRKSEHybrid::getObjMask() {
     }
   }
 
-  // 4. Back to source resolution through the band refinement.
+  // 4. Back to source resolution through the band refinement (null when
+  // the request was cancelled or ran out of time on the way).
   if (reduced) {
     IplImage* full = intelligentUpscaling(mask);
     cvReleaseImage(&mask);
@@ -409,11 +416,15 @@ IplImage* ZIRKSEHybrid::getObjMask() {
     mask = full;
   }
 
-  // 5. Clean-up by edit kind, then into the history.
+  // 5. Clean-up by edit kind, then into the history, unless the request was
+  // cancelled or ran out of time meanwhile: a stopped request leaves the
+  // history as it was.
+  if (cancelSegmentation()) return nullptr;
   {
     StageTimer t(&g_t_postProcess);
     postProcess(mask);
   }
+  if (cancelSegmentation()) return nullptr;
   ZIRKSEManageUndoRedo::updateBitPlane(mask);
   return releaseMask.keep();
 }

@@ -87,6 +87,14 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   sizesOk = checkSize(full, 1812) && sizesOk;
   sizesOk = checkSize(full, 1813) && sizesOk;
   if (!sizesOk) return nullptr;
+  // Between the stages: a cancelled request, or one out of time, ends here
+  // with no mask (the band graph and the work images are released).
+  auto stopped = [this] {
+    if (!cancelSegmentation()) return false;
+    delete m_trimapGraph;
+    m_trimapGraph = nullptr;
+    return true;
+  };
 
   // 2. Trimap: how many of the four morphologies cover each pixel.
   // Every work image is released however this ends (an allocation that
@@ -136,6 +144,7 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   bigTrimap = cvCreateImage(full, IPL_DEPTH_8U, 1);
   cvResize(trimap, bigTrimap, CV_INTER_NN);
   cvReleaseImage(&trimap);
+  if (stopped()) return nullptr;
 
   // 5. Bounding rectangle of the band.
   int xmin = 2147483647, xmax = -1, ymin = 2147483647, ymax = -1;
@@ -150,6 +159,7 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   }
   const int64_t bandW = static_cast<int64_t>(xmax) - xmin + 1;
   const int64_t bandH = static_cast<int64_t>(ymax) - ymin + 1;
+  if (stopped()) return nullptr;
 
   // 6. No band (empty or full mask): plain enlargement.
   if (xmin >= full.width || ymin >= full.height || bandW < 0 || bandH < 0 || xmax < 0 ||
@@ -207,6 +217,7 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
     }
     status = constructGraphTrimapZIRK(bandColour, nullptr, bandTrimap, bandHor, bandVer);
   }
+  if (stopped()) return nullptr;
 
   IplImage* result = nullptr;
   if (status != 0) {
@@ -217,6 +228,8 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   } else {
     // 11. Cut the band; the unknown ring takes the side of the cut.
     m_trimapGraph->maxFlow();
+    // A max-flow stopped part-way leaves nodes unsolved: its cut is not used.
+    if (stopped()) return nullptr;
     for (int y = 0; y < bh; ++y) {
       const uint8_t* t = pixelRow(bandTrimap, y);
       uint8_t* l = pixelRow(labels, ymin + y) + xmin;

@@ -215,18 +215,8 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
 }
 
 void ZIRKSEHybrid::addUnknownRegion() {
-  const std::vector<int32_t>& p = ZIRKSEMarker::currentStroke.points;
-  IplImage* labels = ZIRKSEMarker::m_labelImage;
-  if (p.size() < 3 || labels == nullptr) return;
-  // Whole points only: an odd trailing int has no partner.
-  const size_t count = p.size() / 2;
-  const float f = g_imageResizeFactor;
-  auto at = [&](size_t i) {
-    return cvPoint(static_cast<int>(static_cast<float>(p[2 * i]) / f),
-                   static_cast<int>(static_cast<float>(p[2 * i + 1]) / f));
-  };
-  for (size_t i = 0; i + 1 < count; ++i) cvLine(labels, at(i), at(i + 1), cvScalar(0), 3, 8, 0);
-  if (count >= 2) cvLine(labels, at(count - 1), at(0), cvScalar(0), 3, 8, 0);
+  ZIRK_clearDrawnPath(ZIRKSEMarker::m_labelImage, ZIRKSEMarker::currentStroke.points,
+                      g_imageResizeFactor);
 }
 
 IplImage* ZIRKSEHybrid::segment() {

@@ -138,7 +138,7 @@ TEST(DrawnPath, SameLabelsAsDrawingEveryLine) {
     };
     if (points.size() >= 3) {
       for (size_t i = 0; i + 1 < count; ++i) cvLine(plain, at(i), at(i + 1), cvScalar(0), 3, 8, 0);
-      cvLine(plain, at(count - 1), at(0), cvScalar(0), 3, 8, 0);
+      if (count >= 2) cvLine(plain, at(count - 1), at(0), cvScalar(0), 3, 8, 0);
     }
     for (int r = 0; r < h; ++r)
       for (int c = 0; c < w; ++c)

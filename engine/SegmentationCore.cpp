@@ -103,6 +103,29 @@ void teardownEngine() {
   }
 }
 
+// The history as a request found it, so that the mask of a request cancelled
+// after it entered the history can be taken out again. A new mask overwrites
+// only the slot at m_current, which matters only when it holds a redo step;
+// that slot is copied first.
+struct HistoryMark {
+  int32_t current, top, bottom;
+  ImagePtr redoSlot;
+
+  static HistoryMark take() {
+    HistoryMark mark{ZIRKSEManageUndoRedo::m_current, ZIRKSEManageUndoRedo::m_top,
+                     ZIRKSEManageUndoRedo::m_bottom, nullptr};
+    if (ZIRKSEManageUndoRedo::canRedo())
+      mark.redoSlot.reset(ZIRKSEManageUndoRedo::getMask(mark.current));
+    return mark;
+  }
+  void restore() const {
+    if (redoSlot != nullptr) ZIRKSEManageUndoRedo::setMask(current, redoSlot.get());
+    ZIRKSEManageUndoRedo::m_current = current;
+    ZIRKSEManageUndoRedo::m_top = top;
+    ZIRKSEManageUndoRedo::m_bottom = bottom;
+  }
+};
+
 // Same as resetSegmentationInterface.
 void resetEditSequence() {
   ZIRKSEMarker::resetMarkers();
@@ -412,6 +435,7 @@ int processSegmentBody(unsigned int* argb, unsigned char* mask) {
 
   const bool segmented = g_markerImage != nullptr;
   if (segmented) {
+    const HistoryMark before = HistoryMark::take();
     pHybrid->setLabelImage(g_markerImage);
     ZIRK_ReleaseImage(&g_resultMask);  // left by an unfinished request
     g_resultMask = pHybrid->segment();
@@ -419,7 +443,22 @@ int processSegmentBody(unsigned int* argb, unsigned char* mask) {
       logCallError("processSegment", "segmenter returned a mask of the wrong size");
       ZIRK_ReleaseImage(&g_resultMask);
     }
-    if (g_resultMask != nullptr) writeMask(mask);
+    if (g_resultMask != nullptr) {
+      // The outline is painted before the mask is handed over, so that a
+      // cancel made meanwhile still ends the request with no mask; the new
+      // mask then leaves the history again, and so do its contours.
+      paintOutline(argb);
+      if (ZIRKSEMarker::m_exitApp) {
+        __android_log_print(ANDROID_LOG_ERROR, "Error", "Segmentation canceled due to timeout");
+        before.restore();
+        ZIRK_ReleaseImage(&g_resultMask);
+        ZIRK_ReleaseContourStorage();
+      } else {
+        writeMask(mask);
+        freeRequestImages();
+        return deferredTeardown() ? -1 : 0;
+      }
+    }
   }
   if (g_resultMask != nullptr) {
     paintOutline(argb);

@@ -40,9 +40,21 @@
 
 namespace {
 
-constexpr int kMaxSide = 32;       // small images: most sequences
-constexpr int kLargeMin = 270;     // large ones: the working image is reduced
-constexpr int kLargeMax = 300;     // (more than 76800 pixels from 278 x 278 on)
+#ifdef SEGCORE_WORKING_PIXELS
+constexpr int kWorkingPixels = SEGCORE_WORKING_PIXELS;  // this build's working-pixel budget
+#else
+constexpr int kWorkingPixels = 76800;
+#endif
+constexpr int sideOfSquare(int pixels) {
+  int side = 1;
+  while (side * side < pixels) ++side;
+  return side;
+}
+constexpr int kMaxSide = 32;  // small images: most sequences
+// Large ones: the working image is reduced (from somewhat below the square
+// of the budget's size on, depending on the other side).
+constexpr int kLargeMin = sideOfSquare(kWorkingPixels) - 8;
+constexpr int kLargeMax = kLargeMin + 30;
 constexpr int kMaxOps = 40;
 constexpr unsigned int kOutline = 0xFFFFFF00u;
 constexpr unsigned char kMaskFill = 0x77;

@@ -41,7 +41,12 @@ constexpr int kIterations = 5;
 constexpr double kStartLamda = 50.0;
 constexpr double kNoiseLevel = 0.1;
 constexpr double kHomogenousNoiseLevel = 10.0;
+#ifdef SEGCORE_WORKING_PIXELS
+// A build option of the fuzz build only (a smaller working image).
+constexpr double kWorkingPixelsInverse = 1.0 / SEGCORE_WORKING_PIXELS;
+#else
 constexpr double kWorkingPixelsInverse = 1.3020834e-05;  // 1 / 76800
+#endif
 constexpr double kBrushRingFraction = 0.05;              // brush ring: 5 % of the diagonal scale
 
 inline uint8_t* pixelRow(IplImage* img, int y) {

@@ -107,8 +107,7 @@ class ZIRKReleaseOnExit {
 // 8-connected, from each point to the next and from the last back to the
 // first, with every coordinate divided by `factor` and truncated. Nothing is
 // drawn for fewer than 3 ints; an odd last int is ignored.
-SEGCORE_EXPORT void ZIRK_clearDrawnPath(IplImage* labels, const std::vector<int32_t>& points,
-                                        float factor);
+void ZIRK_clearDrawnPath(IplImage* labels, const std::vector<int32_t>& points, float factor);
 
 // True once the running segmentation should stop: the budget on
 // g_cancelTimer is spent or a cancel was asked for.

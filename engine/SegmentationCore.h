@@ -35,9 +35,9 @@ SEGCORE_EXPORT int deinitSegmentation();
 // and the segmenter stay.
 SEGCORE_EXPORT int resetSegmentationInterface();
 // Raises the cancel (any thread). A running processSegment checks it between
-// its stages and inside its graph cuts, at every point of the request up to
-// the moment its mask enters the history, and then ends with no mask: the
-// plain source is shown, the mask buffer and the history stay as they were.
+// its stages and inside its graph cuts, up to the moment the finished mask is
+// written into the caller's buffer, and then ends with no mask: the plain
+// source is shown, the mask buffer and the history stay as they were.
 // The cancel stays raised until resetSegmentationInterface or the engine's
 // re-creation (initSegmentationEngine, doSegmentationBB): every processSegment
 // in between ends the same way. doSegmentationBB re-creates the engine before

@@ -11,8 +11,9 @@
 //   3. getObjMask() writes the box back, refines the mask at source
 //      resolution when the working image was reduced, cleans it up by edit
 //      kind and records it in the history.
-// Cancel and time-out end the loop after the current iteration with no
-// result and an unchanged history. Per-request images and the graph exist
+// Cancel and time-out are checked after the box set-up, after every
+// iteration, between the stages of the refinement and of the clean-up; they
+// end the request with no result and an unchanged history. Per-request images and the graph exist
 // only inside segment().
 //
 // Stage times of the last segment (ms) go to the g_t_* slots: preProcess,

@@ -8,8 +8,15 @@ find_library(AndroidLog_LIBRARY NAMES log PATH_SUFFIXES android)
 include(FindPackageHandleStandardArgs)
 find_package_handle_standard_args(AndroidLog REQUIRED_VARS AndroidLog_LIBRARY AndroidLog_INCLUDE_DIR)
 
+# A shared library: CMake then tells the linker of a program that links a
+# library using it where to find it (-rpath-link), and an exported library that
+# links it privately lists it among its link-dependent libraries.
 if(AndroidLog_FOUND AND NOT TARGET AndroidLog::log)
-  add_library(AndroidLog::log UNKNOWN IMPORTED)
+  if(AndroidLog_LIBRARY MATCHES "\\.a$")
+    add_library(AndroidLog::log STATIC IMPORTED)
+  else()
+    add_library(AndroidLog::log SHARED IMPORTED)
+  endif()
   set_target_properties(AndroidLog::log PROPERTIES
     IMPORTED_LOCATION "${AndroidLog_LIBRARY}"
     INTERFACE_INCLUDE_DIRECTORIES "${AndroidLog_INCLUDE_DIR}")

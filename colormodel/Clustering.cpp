@@ -2,7 +2,8 @@
 // and the sample-list utilities beside it.
 //
 // Cost of one k_means iteration: 5 squared distances per sample, split over
-// four threads that are created and joined per iteration; at most 10
+// four threads that are created and joined per iteration (small fits run
+// the four quarters on the calling thread); at most 10
 // iterations for the live fit. Each thread accumulates in locals and writes
 // its own row of the accumulators once, so the rows share no hot cache line.
 #include "colormodel/Clustering.h"
@@ -17,6 +18,8 @@
 #include <cstring>
 
 int32_t g_maxVarDir = 0;
+int32_t g_kmeansThreadedSamples = 16384;
+int32_t g_kmeansIterations = 0;
 
 namespace {
 
@@ -250,6 +253,7 @@ void k_means(double** samples, int* labels, int n, double epsilon, int maxIterat
   double errors[kThreads];
   for (int it = 0; it < maxIterations; ++it) {
     // 2. Assignment on four threads.
+    if (g_kmeansIterations < INT32_MAX) ++g_kmeansIterations;
     std::memset(sums, 0, sizeof sums);
     std::memset(counts, 0, sizeof counts);
     std::memset(errors, 0, sizeof errors);
@@ -258,8 +262,10 @@ void k_means(double** samples, int* labels, int n, double epsilon, int maxIterat
     bool started[kThreads];
     for (int t = 0; t < kThreads; ++t) {
       args[t] = kmeansThreadArgs{samples, labels, n, centres, sums, counts, errors, t};
-      started[t] = pthread_create(&threads[t], nullptr, findMinDistance, &args[t]) == 0;
-      // A thread that cannot be created does its quarter here instead.
+      // Below the threshold starting threads would cost more than the work.
+      started[t] = n >= g_kmeansThreadedSamples &&
+                   pthread_create(&threads[t], nullptr, findMinDistance, &args[t]) == 0;
+      // A small fit, or a thread that cannot be created, does its quarter here.
       if (!started[t]) findMinDistance(&args[t]);
     }
     for (int t = 0; t < kThreads; ++t)

@@ -414,11 +414,19 @@ int setMarkerVectorBody(int count, int* points) {
   return 0;
 }
 
+int segmentRequest(unsigned int* argb, unsigned char* mask);
+
 int processSegmentBody(unsigned int* argb, unsigned char* mask) {
   if (argb == nullptr || mask == nullptr) {
     logCallError("processSegment", "null argb or mask buffer");
     return pHybrid != nullptr ? 0 : -1;
   }
+  return segmentRequest(argb, mask);
+}
+
+// The request behind processSegment; argb may be null when nobody sees the
+// preview (the rectangle request): the outline's contours are still found.
+int segmentRequest(unsigned int* argb, unsigned char* mask) {
   if (pHybrid == nullptr) {
     logCallError("processSegment", "no engine (call initSegmentationEngine first)");
     return -1;
@@ -465,7 +473,7 @@ int processSegmentBody(unsigned int* argb, unsigned char* mask) {
     freeRequestImages();
   } else {
     // Cancelled, timed out or nothing to do: the plain source, mask untouched.
-    writeSourceAsArgb(argb);
+    if (argb != nullptr) writeSourceAsArgb(argb);
     ZIRK_ReleaseImage(&g_markerImage);
   }
   // The cancel stays raised: only a reset or a new engine lowers it, so an
@@ -565,18 +573,12 @@ void doSegmentationBBBody(int width, int height, unsigned int* argb, int x1, int
   }
   if (!fitRectangle(width, height, x1, y1, x2, y2)) return;
 
-  const size_t pixels = static_cast<size_t>(width) * height;
-  // The preview is drawn into a private copy: the caller receives the mask only.
-  ScratchPtr<unsigned int> preview(static_cast<unsigned int*>(
-      ZIRK_Malloc_Msg(pixels * sizeof(unsigned int), "doSegmentationBB", __LINE__)));
-  ScratchPtr<int> markers(
-      static_cast<int*>(ZIRK_Calloc_Msg(pixels, sizeof(int), "doSegmentationBB", __LINE__)));
-  // The rectangle's border, clockwise from the top-left corner.
+  // The preview would go to a private copy that nobody sees, so none is
+  // made; the marks go straight into the byte marker image.
   const size_t pointCount = 2 * (static_cast<size_t>(x2 - x1) + static_cast<size_t>(y2 - y1));
   ScratchPtr<int> path(static_cast<int*>(
       ZIRK_Malloc_Msg((pointCount + 1) * 2 * sizeof(int), "doSegmentationBB", __LINE__)));
-  if (preview == nullptr || markers == nullptr || path == nullptr) return;  // logged
-  std::memcpy(preview.get(), argb, pixels * sizeof(unsigned int));
+  if (path == nullptr) return;  // logged
 
   int n = 0;
   int* p = path.get();
@@ -585,19 +587,23 @@ void doSegmentationBBBody(int width, int height, unsigned int* argb, int x1, int
   for (int x = x2; x > x1; --x) p[n++] = x, p[n++] = y2;
   for (int y = y2; y > y1; --y) p[n++] = x1, p[n++] = y;
 
-  // Inside of the rectangle, corners included: object, estimated.
-  for (int y = y1; y <= y2; ++y) {
-    for (int x = x1; x <= x2; ++x) markers.get()[static_cast<size_t>(y) * width + x] = kLabelObjectEst;
-  }
-
   dropSource();
   resetEditSequence();
   setSourceBody(width, height, argb);
   if (!haveSource()) return;  // logged
   createEngine();
   setMarkerVectorBody(n, p);
-  setMarkerBody(width, height, markers.get(), kEditLoopAdd);
-  processSegmentBody(preview.get(), mask);
+  // Inside of the rectangle, corners included: object, estimated.
+  ImagePtr marks(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1));
+  cvSetZero(marks.get());
+  for (int y = y1; y <= y2; ++y) {
+    uint8_t* row = reinterpret_cast<uint8_t*>(marks->imageData) + static_cast<size_t>(y) * marks->widthStep;
+    std::fill(row + x1, row + x2 + 1, static_cast<uint8_t>(kLabelObjectEst));
+  }
+  ZIRK_ReleaseImage(&g_markerImage);
+  g_markerImage = marks.release();
+  ZIRKSEMarker::currentStroke.type = kEditLoopAdd;
+  segmentRequest(nullptr, mask);
 }
 
 // Inverted for the caller: 0 = object.
@@ -616,9 +622,6 @@ void paintOutline(unsigned int* argb) {
     ZIRK_LogMemoryCrash("loadBlendedImageInfo", 493);
     return;
   }
-  ImagePtr outline(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1));
-  cvSetZero(outline.get());
-
   // The contours stay in `storage` for fetch_path_array.
   ZIRK_ReleaseContourStorage();
   storage = cvCreateMemStorage(0);
@@ -628,10 +631,13 @@ void paintOutline(unsigned int* argb) {
     cvFindContours(scratch.get(), storage, &contours, sizeof(CvContour), CV_RETR_LIST,
                    CV_CHAIN_APPROX_SIMPLE, cvPoint(0, 0));
   }
+  if (contours != nullptr) g_contoursFound = 1;
+  if (argb == nullptr) return;  // contours only
+  ImagePtr outline(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1));
+  cvSetZero(outline.get());
   if (contours != nullptr) {
     cvDrawContours(outline.get(), contours, cvScalarAll(255), cvScalarAll(255), 255, 2, CV_AA,
                    cvPoint(0, 0));
-    g_contoursFound = 1;
   }
 
   // Only fully covered outline pixels are painted, not the anti-aliased fringe.

@@ -26,7 +26,9 @@
 
 #include <cmath>
 #include <cstddef>
+#include <algorithm>
 #include <cstdint>
+#include <thread>
 
 #include "engine/ZIRKSEMarker.h"
 #include "graphcut/ParallelGC.h"
@@ -43,6 +45,8 @@ constexpr int32_t kInfiniteDistance = 2147483647;
 constexpr int32_t kUpperSteps[4] = {2, 4, 6, 9};
 // The time budget of one segmentation, in milliseconds.
 constexpr double kBudgetMs = 10000.0;
+// Solver steps between two readings of the clock.
+constexpr int kClockSteps = 32;
 
 void logError(const char* text) { __android_log_print(ANDROID_LOG_ERROR, "Error", "%s", text); }
 
@@ -163,17 +167,28 @@ ZIRKSEGraph::ZIRKSEGraph(int maxNodes, int maxEdges, int width, int height, int 
       m_blockCol(0),
       m_width(width),
       m_height(height),
-      m_ownsArrays(true) {
+      m_ownsArrays(true),
+      m_bandUp(nullptr),
+      m_bandDown(nullptr),
+      m_stamp(nullptr),
+      m_dist(nullptr),
+      m_time(0) {
   const size_t nodeCount = static_cast<size_t>(maxNodes > 16 ? maxNodes : 16);
   const size_t arcCount = 2 * static_cast<size_t>(maxEdges > 16 ? maxEdges : 16);
   m_nodes = static_cast<nodes*>(ZIRK_Malloc_Msg(nodeCount * sizeof(nodes), "ZIRKSEGraph", 53));
   m_arcs = static_cast<float*>(ZIRK_Malloc_Msg(arcCount * sizeof(float), "ZIRKSEGraph", 54));
-  if (m_nodes == nullptr || m_arcs == nullptr) {
-    // Both or neither: a half-built graph would only refuse later calls anyway.
+  m_stamp = static_cast<int32_t*>(ZIRK_Malloc_Msg(nodeCount * sizeof(int32_t), "ZIRKSEGraph", 55));
+  m_dist = static_cast<int32_t*>(ZIRK_Malloc_Msg(nodeCount * sizeof(int32_t), "ZIRKSEGraph", 56));
+  if (m_nodes == nullptr || m_arcs == nullptr || m_stamp == nullptr || m_dist == nullptr) {
+    // All or none: a half-built graph would only refuse later calls anyway.
     if (m_nodes != nullptr) ZIRK_Free_Msg(m_nodes, "~ZIRKSEGraph", 128);
     if (m_arcs != nullptr) ZIRK_Free_Msg(m_arcs, "~ZIRKSEGraph", 129);
+    if (m_stamp != nullptr) ZIRK_Free_Msg(m_stamp, "~ZIRKSEGraph", 132);
+    if (m_dist != nullptr) ZIRK_Free_Msg(m_dist, "~ZIRKSEGraph", 133);
     m_nodes = nullptr;
     m_arcs = nullptr;
+    m_stamp = nullptr;
+    m_dist = nullptr;
     return;
   }
   m_nodeLast = m_nodes;
@@ -206,7 +221,12 @@ ZIRKSEGraph::ZIRKSEGraph(ZIRKSEGraph* parent, int blockRow, int blockCol, int bl
       m_blockCol(blockCol),
       m_width(parent->m_width),
       m_height(parent->m_height),
-      m_ownsArrays(false) {}
+      m_ownsArrays(false),
+      m_bandUp(nullptr),
+      m_bandDown(nullptr),
+      m_stamp(nullptr),
+      m_dist(nullptr),
+      m_time(0) {}
 
 ZIRKSEGraph::~ZIRKSEGraph() {
   // A block view leaves the borrowed arrays, and their contents, alone.
@@ -214,8 +234,16 @@ ZIRKSEGraph::~ZIRKSEGraph() {
   reset();
   if (m_nodes != nullptr) ZIRK_Free_Msg(m_nodes, "~ZIRKSEGraph", 128);
   if (m_arcs != nullptr) ZIRK_Free_Msg(m_arcs, "~ZIRKSEGraph", 129);
+  if (m_bandUp != nullptr) ZIRK_Free_Msg(m_bandUp, "~ZIRKSEGraph", 130);
+  if (m_bandDown != nullptr) ZIRK_Free_Msg(m_bandDown, "~ZIRKSEGraph", 131);
+  if (m_stamp != nullptr) ZIRK_Free_Msg(m_stamp, "~ZIRKSEGraph", 132);
+  if (m_dist != nullptr) ZIRK_Free_Msg(m_dist, "~ZIRKSEGraph", 133);
+  m_stamp = nullptr;
+  m_dist = nullptr;
   m_nodes = nullptr;
   m_arcs = nullptr;
+  m_bandUp = nullptr;
+  m_bandDown = nullptr;
 }
 
 void ZIRKSEGraph::reset() {
@@ -316,21 +344,6 @@ float ZIRKSEGraph::maxFlow() {
   return maxFlowSerialCall();
 }
 
-void ZIRKSEGraph::maxflowInit() {
-  m_activeFirst = m_activeLast = nullptr;
-  m_orphanFirst = m_orphanLast = nullptr;
-  if (!prepareForSolve()) return;  // empty queue: the solve ends at once
-  const int64_t grid = static_cast<int64_t>(m_width) * m_height;
-  const int64_t count = m_nodeCount < grid ? m_nodeCount : grid;
-  for (nodes* n = m_nodes; n < m_nodes + count; ++n) {
-    // Links left by an earlier, cancelled solve would keep a node out of the queues.
-    n->next = nullptr;
-    n->nextOrphan = nullptr;
-    setByTerminal(n);
-    if (n->tree != FREE) AddToActiveQueue(n);
-  }
-}
-
 void ZIRKSEGraph::InitBlock() {
   m_flow = 0.0f;
   m_activeFirst = m_activeLast = nullptr;
@@ -400,229 +413,457 @@ nodes* ZIRKSEGraph::GetTopOrphanQueueNode() {
   return n;
 }
 
-float ZIRKSEGraph::maxFlowSerialCall() {
-  if (ZIRKSEMarker::m_exitApp) return m_flow;
-  float* const arcs = m_arcs;
-  nodes* const base = m_nodes;
-  const int32_t* const offset = m_neighbourOffset;
-  int32_t list[8];
-  nodes* current = nullptr;
-  for (;;) {
-    // 1. The node to scan: the one that just closed a path, or the next active one.
-    if (current == nullptr) {
-      current = GetTopActiveQueueNode();
-      if (current == nullptr) return m_flow;
-    }
-    current->next = nullptr;
+namespace {
 
-    // 2. Growth: free neighbours join the node's tree; the other tree closes a path.
-    int32_t middle = -1;
-    if (current->tree == SOURCE) {
-      neighbourList(static_cast<int32_t>(current - base), m_width, m_height, list);
-      for (int k = 0; k < 8; ++k) {
-        const int32_t a = list[k];
-        if (a == kNoNeighbour) continue;
-        const float c = arcs[a];
-        if (c == kAbsentArc || c == 0.0f) continue;
-        nodes* q = base + headOf(offset, a);
-        if (q->tree == FREE) {
-          q->tree = SOURCE;
-          q->parent = a ^ 1;
-          AddToActiveQueue(q);
-        } else if (q->tree == SINK) {
-          middle = a;
-          break;
-        }
-      }
-    } else if (current->tree == SINK) {
-      neighbourList(static_cast<int32_t>(current - base), m_width, m_height, list);
-      for (int k = 0; k < 8; ++k) {
-        const int32_t a = list[k];
-        if (a == kNoNeighbour) continue;
-        const float c = arcs[a ^ 1];
-        if (c == kAbsentArc || c == 0.0f) continue;
-        nodes* q = base + headOf(offset, a);
-        if (q->tree == FREE) {
-          q->tree = SINK;
-          q->parent = a ^ 1;
-          AddToActiveQueue(q);
-        } else if (q->tree == SOURCE) {
-          middle = a ^ 1;
-          break;
-        }
-      }
-    }
+// How the solver finds a node's eight arcs and an arc's head. A full grid
+// computes both from the node index and the width. A band graph numbers a
+// subset of grid pixels row by row and stores, per node, the index of the
+// node above and below; every neighbour of a pixel that has links is itself
+// a node, so the left and right neighbours are the previous and next index
+// and the diagonal ones sit beside the node above or below.
+struct GridTopology {
+  const int32_t* offset;
+  int32_t width;
+  int32_t height;
+  int32_t head(int32_t arc) const { return headOf(offset, arc); }
+  void list(int32_t p, int32_t out[8]) const { neighbourList(p, width, height, out); }
+};
 
-    if (middle < 0) {
-      current = nullptr;
-    } else {
-      // 3. Augmentation. The node stays current (marked queued but unlinked)
-      // and is scanned again, since it may close further paths.
-      current->next = current;
-      AugmentPath(middle);
-      // 4. Adoption.
-      while (!ZIRKSEMarker::m_exitApp && m_orphanFirst != nullptr) {
-        nodes* o = GetTopOrphanQueueNode();
-        if (o->tree == SINK) {
-          ProcessSinkOrphans(o);
-        } else if (o->tree == SOURCE) {
-          ProcessSourceOrphans(o);
-        }
-      }
-    }
-
-    // 5. Cancellation and the time budget; a spent budget cancels the whole
-    // segmentation, not only this solve.
-    const double elapsed = m_ownsArrays ? get_elapsed_time_in_millisec(g_cancelTimer)
-                                        : elapsedMsReadOnly(g_cancelTimer);
-    if (elapsed > kBudgetMs || ZIRKSEMarker::m_exitApp) {
-      ZIRKSEMarker::m_exitApp = true;
-      return m_flow;
-    }
+struct BandTopology {
+  const int32_t* up;
+  const int32_t* down;
+  int32_t head(int32_t arc) const {
+    const int32_t q = arc >> 3;
+    const int32_t k = arc & 7;
+    if (k & 1) return q;       // odd slots lead into their own node
+    if (k == 0) return q - 1;  // left
+    return up[q] + (k >> 1) - 2;  // up-left, up, up-right
   }
-}
-
-void ZIRKSEGraph::AugmentPath(int arc) {
-  float* const arcs = m_arcs;
-  nodes* const base = m_nodes;
-  const int32_t* const offset = m_neighbourOffset;
-  nodes* const t = base + headOf(offset, arc);
-  nodes* const s = base + headOf(offset, arc ^ 1);
-
-  // Bottleneck: the middle arc, the sink chain with its root, the source chain with its root.
-  float b = arcs[arc];
-  nodes* n = t;
-  for (; n->parent >= 0; n = base + headOf(offset, n->parent)) b = minCap(b, arcs[n->parent]);
-  b = minCap(b, -n->tr_cap);
-  for (n = s; n->parent >= 0; n = base + headOf(offset, n->parent)) {
-    b = minCap(b, arcs[n->parent ^ 1]);
+  void list(int32_t p, int32_t out[8]) const {
+    const int32_t base = 8 * p;
+    const int32_t below = 8 * down[p];
+    out[0] = base;
+    out[1] = base + kUpperSteps[0];
+    out[2] = base + kUpperSteps[1];
+    out[3] = base + kUpperSteps[2];
+    out[4] = base + kUpperSteps[3];
+    out[5] = below + 11;
+    out[6] = below + 5;
+    out[7] = below - 1;
   }
-  b = minCap(b, n->tr_cap);
-
-  arcs[arc] -= b;
-  arcs[arc ^ 1] += b;
-
-  // Sink side first, from t towards the terminal.
-  for (n = t; n->parent >= 0;) {
-    const int32_t pa = n->parent;
-    arcs[pa] -= b;
-    arcs[pa ^ 1] += b;
-    nodes* up = base + headOf(offset, pa);
-    if (arcs[pa] == 0.0f) AddToOrphanQueue(n);
-    n = up;
-  }
-  n->tr_cap += b;
-  if (n->tr_cap == 0.0f) AddToOrphanQueue(n);
-
-  // Then the source side, from s towards the terminal.
-  for (n = s; n->parent >= 0;) {
-    const int32_t pa = n->parent;
-    arcs[pa ^ 1] -= b;
-    arcs[pa] += b;
-    nodes* up = base + headOf(offset, pa);
-    if (arcs[pa ^ 1] == 0.0f) AddToOrphanQueue(n);
-    n = up;
-  }
-  n->tr_cap -= b;
-  if (n->tr_cap == 0.0f) AddToOrphanQueue(n);
-
-  m_flow += b;
-}
+};
 
 // Length of the parent chain from the head of `arc` to its terminal, counted
 // from 1 for the arc itself; kInfiniteDistance when the chain ends in an
 // orphan or a free node.
-static int32_t chainDistance(const nodes* base, const int32_t* offset, int32_t arc) {
+template <class Topology>
+int32_t chainDistance(const nodes* base, const Topology& topo, int32_t arc) {
   int32_t d = 1;
   for (int32_t cur = arc; cur != TERMINAL;) {
-    cur = base[headOf(offset, cur)].parent;
+    cur = base[topo.head(cur)].parent;
     ++d;
     if (cur == ORPHAN) return kInfiniteDistance;
   }
   return d;
 }
 
-void ZIRKSEGraph::ProcessSourceOrphans(nodes* orphan) {
-  float* const arcs = m_arcs;
-  nodes* const base = m_nodes;
-  const int32_t* const offset = m_neighbourOffset;
-  int32_t list[8];
-  neighbourList(static_cast<int32_t>(orphan - base), m_width, m_height, list);
+// The solver's stages over one topology. SinkSide selects the tree an
+// orphan belongs to: arcs are then read in the other direction.
+template <class Topology>
+struct Solver {
+  ZIRKSEGraph& g;
+  Topology topo;
 
-  // A new parent: a source-tree neighbour that can still send into the orphan,
-  // with the shortest chain; the first in list order wins ties.
-  int32_t best = kInfiniteDistance;
-  int32_t bestArc = ORPHAN;
-  for (int k = 0; k < 8; ++k) {
-    const int32_t a = list[k];
-    if (a == kNoNeighbour || arcs[a] == kAbsentArc || arcs[a ^ 1] == 0.0f) continue;
-    const nodes* q = base + headOf(offset, a);
-    if (q->parent == ORPHAN || q->tree != SOURCE) continue;
-    const int32_t d = chainDistance(base, offset, a);
-    if (d != kInfiniteDistance && d < best) {
-      best = d;
-      bestArc = a;
+  void augment(int32_t arc) {
+    float* const arcs = g.m_arcs;
+    nodes* const base = g.m_nodes;
+    nodes* const t = base + topo.head(arc);
+    nodes* const s = base + topo.head(arc ^ 1);
+
+    // Bottleneck: the middle arc, the sink chain with its root, the source chain with its root.
+    float b = arcs[arc];
+    nodes* n = t;
+    for (; n->parent >= 0; n = base + topo.head(n->parent)) b = minCap(b, arcs[n->parent]);
+    b = minCap(b, -n->tr_cap);
+    for (n = s; n->parent >= 0; n = base + topo.head(n->parent)) {
+      b = minCap(b, arcs[n->parent ^ 1]);
+    }
+    b = minCap(b, n->tr_cap);
+
+    arcs[arc] -= b;
+    arcs[arc ^ 1] += b;
+
+    // Sink side first, from t towards the terminal.
+    for (n = t; n->parent >= 0;) {
+      const int32_t pa = n->parent;
+      arcs[pa] -= b;
+      arcs[pa ^ 1] += b;
+      nodes* up = base + topo.head(pa);
+      if (arcs[pa] == 0.0f) g.AddToOrphanQueue(n);
+      n = up;
+    }
+    n->tr_cap += b;
+    if (n->tr_cap == 0.0f) g.AddToOrphanQueue(n);
+
+    // Then the source side, from s towards the terminal.
+    for (n = s; n->parent >= 0;) {
+      const int32_t pa = n->parent;
+      arcs[pa ^ 1] -= b;
+      arcs[pa] += b;
+      nodes* up = base + topo.head(pa);
+      if (arcs[pa ^ 1] == 0.0f) g.AddToOrphanQueue(n);
+      n = up;
+    }
+    n->tr_cap -= b;
+    if (n->tr_cap == 0.0f) g.AddToOrphanQueue(n);
+
+    g.m_flow += b;
+  }
+
+  // An orphan of `tree` looks for a new parent: a neighbour of the same tree
+  // with residual capacity towards the orphan's terminal side and the
+  // shortest chain; the first in list order wins ties. With none, the
+  // orphan leaves the tree; neighbours of the tree that could regrow into it
+  // become active, its children become orphans. Orphans of the tree still
+  // queued are activated as well: one adopted later must scan towards this
+  // node again, or the node could stay free although it reaches the tree,
+  // and the cut read from the trees would not be minimal.
+  template <int32_t Tree>
+  void adopt(nodes* orphan) {
+    float* const arcs = g.m_arcs;
+    nodes* const base = g.m_nodes;
+    int32_t list[8];
+    topo.list(static_cast<int32_t>(orphan - base), list);
+    // Source tree: the neighbour must send into the orphan (reverse arc);
+    // sink tree: the orphan must send into the neighbour (the arc itself).
+    const int32_t towards = Tree == SOURCE ? 1 : 0;
+
+    int32_t best = kInfiniteDistance;
+    int32_t bestArc = ORPHAN;
+    for (int k = 0; k < 8; ++k) {
+      const int32_t a = list[k];
+      if (a == kNoNeighbour || arcs[a] == kAbsentArc || arcs[a ^ towards] == 0.0f) continue;
+      const nodes* q = base + topo.head(a);
+      if (q->parent == ORPHAN || q->tree != Tree) continue;
+      const int32_t d = g.m_stamp != nullptr ? markedDistance(a) : chainDistance(base, topo, a);
+      if (d != kInfiniteDistance && d < best) {
+        best = d;
+        bestArc = a;
+      }
+    }
+    if (bestArc != ORPHAN) {
+      orphan->parent = bestArc;
+      if (g.m_stamp != nullptr) {
+        const int32_t o = static_cast<int32_t>(orphan - base);
+        g.m_stamp[o] = g.m_time;
+        g.m_dist[o] = best;
+      }
+      return;
+    }
+
+    orphan->parent = ORPHAN;
+    orphan->tree = FREE;
+    for (int k = 0; k < 8; ++k) {
+      const int32_t a = list[k];
+      if (a == kNoNeighbour || arcs[a] == kAbsentArc) continue;
+      nodes* q = base + topo.head(a);
+      if (q->tree != Tree) continue;
+      if (arcs[a ^ towards] != 0.0f) g.AddToActiveQueue(q);
+      if (q->parent == ORPHAN) continue;
+      if (q->parent != TERMINAL && base + topo.head(q->parent) == orphan) g.AddToOrphanQueue(q);
     }
   }
-  if (bestArc != ORPHAN) {
-    orphan->parent = bestArc;
-    return;
+
+  // Distance from the head of `arc` to its terminal, counted from 1 for the
+  // arc itself, reusing distances confirmed during this step; every node of
+  // a chain that reaches the terminal gets its distance confirmed.
+  // kInfiniteDistance when the chain ends in an orphan or a free node.
+  int32_t markedDistance(int32_t arc) {
+    nodes* const base = g.m_nodes;
+    int32_t* const stamp = g.m_stamp;
+    int32_t* const dist = g.m_dist;
+    const int32_t now = g.m_time;
+    const int32_t first = topo.head(arc);
+    int32_t d = 0;
+    for (int32_t j = first;;) {
+      if (stamp[j] == now) {
+        d += dist[j];
+        break;
+      }
+      const int32_t pa = base[j].parent;
+      ++d;
+      if (pa == TERMINAL) {
+        stamp[j] = now;
+        dist[j] = 1;
+        break;
+      }
+      if (pa == ORPHAN) return kInfiniteDistance;
+      j = topo.head(pa);
+    }
+    const int32_t total = d + 1;
+    for (int32_t j = first; stamp[j] != now; j = topo.head(base[j].parent)) {
+      stamp[j] = now;
+      dist[j] = d--;
+    }
+    return total;
   }
 
-  // None: the orphan leaves the tree; neighbours of the tree that could
-  // regrow into it become active, its children become orphans. Orphans of
-  // the tree still queued are activated as well: one adopted later must scan
-  // towards this node again, or the node could stay free although it reaches
-  // the tree, and the cut read from the trees would not be minimal.
-  orphan->parent = ORPHAN;
-  orphan->tree = FREE;
-  for (int k = 0; k < 8; ++k) {
-    const int32_t a = list[k];
-    if (a == kNoNeighbour || arcs[a] == kAbsentArc) continue;
-    nodes* q = base + headOf(offset, a);
-    if (q->tree != SOURCE) continue;
-    if (arcs[a ^ 1] != 0.0f) AddToActiveQueue(q);
-    if (q->parent == ORPHAN) continue;
-    if (q->parent != TERMINAL && base + headOf(offset, q->parent) == orphan) AddToOrphanQueue(q);
+  // A new step: distances confirmed before it count no more. Before the
+  // counter could overflow, every confirmation is dropped.
+  void nextStep() {
+    if (g.m_time == INT32_MAX - 1 && g.m_stamp != nullptr) {
+      for (int64_t i = 0, n = g.m_nodeLast - g.m_nodes; i < n; ++i) g.m_stamp[i] = 0;
+      g.m_time = 0;
+    }
+    ++g.m_time;
   }
+
+  // Before the trees grow: every path source -> p -> q -> sink through one
+  // link is saturated at once (the cheapest augmentations there are).
+  void pushTerminalPairs() {
+    float* const arcs = g.m_arcs;
+    nodes* const base = g.m_nodes;
+    int32_t list[8];
+    for (nodes* p = base; p < g.m_nodeLast; ++p) {
+      if (p->tr_cap <= 0.0f) continue;
+      topo.list(static_cast<int32_t>(p - base), list);
+      for (int k = 0; k < 8 && p->tr_cap > 0.0f; ++k) {
+        const int32_t a = list[k];
+        if (a == kNoNeighbour) continue;
+        const float c = arcs[a];
+        if (c == kAbsentArc || c == 0.0f) continue;
+        nodes* q = base + topo.head(a);
+        if (q->tr_cap >= 0.0f) continue;
+        const float f = minCap(minCap(p->tr_cap, -q->tr_cap), c);
+        arcs[a] -= f;
+        arcs[a ^ 1] += f;
+        p->tr_cap -= f;
+        q->tr_cap += f;
+        g.m_flow += f;
+      }
+    }
+  }
+
+  // Growth from `current`: free neighbours join its tree; a neighbour of the
+  // other tree closes a path, whose middle arc (source side to sink side) is
+  // returned; -1 when none.
+  template <int32_t Tree>
+  int32_t grow(nodes* current) {
+    float* const arcs = g.m_arcs;
+    nodes* const base = g.m_nodes;
+    int32_t* const stamp = g.m_stamp;
+    int32_t* const dist = g.m_dist;
+    int32_t list[8];
+    const int32_t p = static_cast<int32_t>(current - base);
+    topo.list(p, list);
+    const int32_t outwards = Tree == SOURCE ? 0 : 1;
+    for (int k = 0; k < 8; ++k) {
+      const int32_t a = list[k];
+      if (a == kNoNeighbour) continue;
+      const float c = arcs[a ^ outwards];
+      if (c == kAbsentArc || c == 0.0f) continue;
+      const int32_t qi = topo.head(a);
+      nodes* q = base + qi;
+      if (q->tree == FREE) {
+        q->tree = Tree;
+        q->parent = a ^ 1;
+        if (stamp != nullptr) {
+          stamp[qi] = stamp[p];
+          dist[qi] = dist[p] + 1;
+        }
+        g.AddToActiveQueue(q);
+      } else if (q->tree == (Tree == SOURCE ? SINK : SOURCE)) {
+        return a ^ outwards;
+      } else if (stamp != nullptr && q->parent >= 0 && stamp[qi] <= stamp[p] &&
+                 dist[qi] > dist[p] + 1) {
+        // A neighbour of the same tree that is nearer its terminal through
+        // this node takes it as parent: shorter trees, shorter paths.
+        q->parent = a ^ 1;
+        stamp[qi] = stamp[p];
+        dist[qi] = dist[p] + 1;
+      }
+    }
+    return -1;
+  }
+
+  float run() {
+    if (ZIRKSEMarker::m_exitApp) return g.m_flow;
+    nodes* current = nullptr;
+    uint32_t steps = 0;
+    for (;;) {
+      // 1. The node to scan: the one that just closed a path, or the next active one.
+      if (current == nullptr) {
+        current = g.GetTopActiveQueueNode();
+        if (current == nullptr) return g.m_flow;
+      }
+      current->next = nullptr;
+
+      // 2. Growth.
+      int32_t middle = -1;
+      if (current->tree == SOURCE) {
+        middle = grow<SOURCE>(current);
+      } else if (current->tree == SINK) {
+        middle = grow<SINK>(current);
+      }
+
+      if (middle < 0) {
+        current = nullptr;
+      } else {
+        // 3. Augmentation. The node stays current (marked queued but unlinked)
+        // and is scanned again, since it may close further paths.
+        current->next = current;
+        nextStep();
+        augment(middle);
+        // 4. Adoption.
+        while (!ZIRKSEMarker::m_exitApp && g.m_orphanFirst != nullptr) {
+          nodes* o = g.GetTopOrphanQueueNode();
+          if (o->tree == SINK) {
+            adopt<SINK>(o);
+          } else if (o->tree == SOURCE) {
+            adopt<SOURCE>(o);
+          }
+        }
+      }
+
+      // 5. Cancellation and the time budget; a spent budget cancels the whole
+      // segmentation, not only this solve.
+      // The clock is read every kClockSteps steps (a step takes microseconds).
+      if (ZIRKSEMarker::m_exitApp) return g.m_flow;
+      if (steps++ % kClockSteps != 0) continue;
+      const double elapsed = g.m_ownsArrays ? get_elapsed_time_in_millisec(g_cancelTimer)
+                                            : elapsedMsReadOnly(g_cancelTimer);
+      if (elapsed > kBudgetMs) {
+        ZIRKSEMarker::m_exitApp = true;
+        return g.m_flow;
+      }
+    }
+  }
+};
+
+}  // namespace
+
+// The band graph's solver runs over its stored rows; every other graph
+// (and every block view) over the grid.
+template <class Call>
+auto withSolver(ZIRKSEGraph& g, Call call) {
+  if (g.m_bandUp != nullptr && g.m_bandDown != nullptr) {
+    Solver<BandTopology> solver{g, BandTopology{g.m_bandUp, g.m_bandDown}};
+    return call(solver);
+  }
+  Solver<GridTopology> solver{g, GridTopology{g.m_neighbourOffset, g.m_width, g.m_height}};
+  return call(solver);
+}
+
+float ZIRKSEGraph::maxFlowSerialCall() {
+  return withSolver(*this, [](auto& s) { return s.run(); });
+}
+
+void ZIRKSEGraph::AugmentPath(int arc) {
+  withSolver(*this, [arc](auto& s) { s.augment(arc); });
+}
+
+void ZIRKSEGraph::ProcessSourceOrphans(nodes* orphan) {
+  withSolver(*this, [orphan](auto& s) { s.template adopt<SOURCE>(orphan); });
 }
 
 void ZIRKSEGraph::ProcessSinkOrphans(nodes* orphan) {
-  float* const arcs = m_arcs;
-  nodes* const base = m_nodes;
-  const int32_t* const offset = m_neighbourOffset;
-  int32_t list[8];
-  neighbourList(static_cast<int32_t>(orphan - base), m_width, m_height, list);
+  withSolver(*this, [orphan](auto& s) { s.template adopt<SINK>(orphan); });
+}
 
-  // A new parent: a sink-tree neighbour the orphan can still send into.
-  int32_t best = kInfiniteDistance;
-  int32_t bestArc = ORPHAN;
-  for (int k = 0; k < 8; ++k) {
-    const int32_t a = list[k];
-    if (a == kNoNeighbour || arcs[a] == kAbsentArc || arcs[a] == 0.0f) continue;
-    const nodes* q = base + headOf(offset, a);
-    if (q->parent == ORPHAN || q->tree != SINK) continue;
-    const int32_t d = chainDistance(base, offset, a);
-    if (d != kInfiniteDistance && d < best) {
-      best = d;
-      bestArc = a;
+void ZIRKSEGraph::maxflowInit() {
+  m_activeFirst = m_activeLast = nullptr;
+  m_orphanFirst = m_orphanLast = nullptr;
+  if (!prepareForSolve()) return;  // empty queue: the solve ends at once
+  // A cancelled solve leaves the graph as it was filled.
+  if (!ZIRKSEMarker::m_exitApp) withSolver(*this, [](auto& s) { s.pushTerminalPairs(); });
+  m_time = 0;
+  const int64_t grid = static_cast<int64_t>(m_width) * m_height;
+  const int64_t count = m_nodeCount < grid ? m_nodeCount : grid;
+  for (nodes* n = m_nodes; n < m_nodes + count; ++n) {
+    // Links left by an earlier, cancelled solve would keep a node out of the queues.
+    n->next = nullptr;
+    n->nextOrphan = nullptr;
+    setByTerminal(n);
+    if (n->tree != FREE) {
+      if (m_stamp != nullptr) {
+        m_stamp[n - m_nodes] = 0;
+        m_dist[n - m_nodes] = 1;
+      }
+      AddToActiveQueue(n);
     }
   }
-  if (bestArc != ORPHAN) {
-    orphan->parent = bestArc;
-    return;
+}
+
+float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
+                            const std::vector<int32_t>& seams) {
+  const size_t count = parts.size() < 2 ? 0 : parts.size() - 1;
+  if (g->m_bandUp == nullptr || g->m_stamp == nullptr || count < 2 || seams.size() + 1 != count) {
+    return g->maxFlow();
+  }
+  g->maxflowInit();  // trees, queues and the one-link paths of the whole graph
+  if (ZIRKSEMarker::m_exitApp || g->m_activeFirst == nullptr) return g->maxFlowSerialCall();
+
+  // 1. Hold back the links between parts: those of each part's first row
+  // to the row above.
+  struct Held {
+    int32_t arc;
+    float cap;
+  };
+  std::vector<Held> held;
+  float* const arcs = g->m_arcs;
+  for (size_t i = 1; i < count; ++i) {
+    for (int32_t p = parts[i]; p < seams[i - 1]; ++p) {
+      for (int32_t k = 2; k < 8; ++k) {
+        const int32_t a = 8 * p + k;
+        if (arcs[a] == kAbsentArc) continue;
+        held.push_back(Held{a, arcs[a]});
+        arcs[a] = kAbsentArc;  // no part looks across, not even at the other side's nodes
+      }
+    }
   }
 
-  // None: as for the source tree, with the arcs in the other direction.
-  orphan->parent = ORPHAN;
-  orphan->tree = FREE;
-  for (int k = 0; k < 8; ++k) {
-    const int32_t a = list[k];
-    if (a == kNoNeighbour || arcs[a] == kAbsentArc) continue;
-    nodes* q = base + headOf(offset, a);
-    if (q->tree != SINK) continue;
-    if (arcs[a] != 0.0f) AddToActiveQueue(q);
-    if (q->parent == ORPHAN) continue;
-    if (q->parent != TERMINAL && base + headOf(offset, q->parent) == orphan) AddToOrphanQueue(q);
+  // 2. Each part solves on its own thread, over its own queues; they share
+  // the arrays but touch disjoint nodes.
+  std::vector<ZIRKSEGraph*> views;
+  for (size_t i = 0; i < count; ++i) {
+    ZIRKSEGraph* v = new ZIRKSEGraph(g, 0, 0, 0, 0);
+    v->m_bandUp = g->m_bandUp;
+    v->m_bandDown = g->m_bandDown;
+    v->m_stamp = g->m_stamp;
+    v->m_dist = g->m_dist;
+    v->m_flow = 0.0f;
+    views.push_back(v);
   }
+  // The whole graph's queue, handed out by range.
+  for (nodes* n = g->GetTopActiveQueueNode(); n != nullptr; n = g->GetTopActiveQueueNode()) {
+    const int32_t index = static_cast<int32_t>(n - g->m_nodes);
+    size_t part = 0;
+    while (part + 1 < count && index >= parts[part + 1]) ++part;
+    n->next = nullptr;
+    views[part]->AddToActiveQueue(n);
+  }
+  std::vector<std::thread> threads;
+  for (size_t i = 1; i < count; ++i) threads.emplace_back([v = views[i]] { v->maxFlowSerialCall(); });
+  views[0]->maxFlowSerialCall();
+  for (std::thread& t : threads) t.join();
+
+  // 3. The links come back; their ends scan again, and the whole graph is
+  // solved on from the parts' flows and trees.
+  int32_t latest = 0;
+  for (ZIRKSEGraph* v : views) {
+    g->m_flow += v->m_flow;
+    latest = std::max(latest, v->m_time);
+    // A view leaves the shared arrays alone when it goes.
+    v->m_bandUp = v->m_bandDown = v->m_stamp = v->m_dist = nullptr;
+    delete v;
+  }
+  g->m_time = latest;
+  for (const Held& h : held) {
+    arcs[h.arc] = h.cap;
+    const int32_t p = h.arc >> 3;
+    g->AddToActiveQueue(g->m_nodes + p);
+    const int32_t k = h.arc & 7;
+    g->AddToActiveQueue(g->m_nodes + g->m_bandUp[p] + (k >> 1) - 2);
+  }
+  return g->maxFlowSerialCall();
 }

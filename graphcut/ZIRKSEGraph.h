@@ -37,6 +37,8 @@ enum : int32_t { SOURCE = 0, SINK = 1, FREE = 2 };
 // Special parent values.
 enum : int32_t { TERMINAL = -1, ORPHAN = -3 };
 
+#include <vector>
+
 // The capacity that marks an absent arc.
 constexpr float kAbsentArc = -2.0f;
 
@@ -124,6 +126,19 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   // True for a graph made by the first constructor (it frees its arrays);
   // false for a block view, which only borrows its parent's arrays.
   bool m_ownsArrays;
+  // A band graph (see graphcut/BandGraph.h): its nodes are a subset of a
+  // pixel grid numbered row by row, and these hold, per node, the index of
+  // the node directly above and below (-1: none). Null for a full grid.
+  // Owned by the graph.
+  int32_t* m_bandUp;
+  int32_t* m_bandDown;
+  // Bookkeeping of the serial solve: per node, the step at which its
+  // distance to its terminal was last confirmed, and that distance, so that
+  // an orphan finds its nearest valid parent without walking every chain to
+  // the root. Null in block views, whose solves walk the chains.
+  int32_t* m_stamp;
+  int32_t* m_dist;
+  int32_t m_time;
 
   // Checks that the arrays hold the whole width x height grid and marks grid
   // nodes and arc slots never added as free nodes and absent arcs. Logs and
@@ -131,3 +146,12 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   // maxflowInit() and the parallel solver call it.
   bool prepareForSolve();
 };
+
+// Solves a band graph (m_bandUp set) in parts that run on their own threads:
+// parts[i] .. parts[i + 1] are node ranges that begin at a row, and
+// seams[i] is the end of the first row of part i + 1. The links between
+// parts are held back while the parts solve, then given back, and the whole
+// graph is solved from there: the same maximum flow and the same cut as a
+// serial solve, with most of the work done in parallel. Returns the flow.
+float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
+                            const std::vector<int32_t>& seams);

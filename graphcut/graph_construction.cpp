@@ -15,6 +15,7 @@
 #include <new>
 
 #include "engine/ZIRKSEMarker.h"
+#include "graphcut/BandGraph.h"
 #include "segmenter/ZIRKSEHybrid.h"
 #include "support/ZIRKLog.h"
 #include "support/ZIRKMemory.h"
@@ -22,7 +23,6 @@
 namespace {
 
 constexpr double kHardLink = 1000.0;
-constexpr double kDiagonalFactor = 0.7071067932881648;
 // Log-likelihoods closer than this cannot tell the grey models apart.
 constexpr float kGreyTie = 0.0001f;
 
@@ -172,47 +172,24 @@ int ZIRKSEHybrid::constructGraphTrimapZIRK(IplImage* colourImage, IplImage* /*sp
   g->reset();
   g->addNode(h * w);
 
-  // 3./4. T-links; pixels outside the band (7) get none.
-  const float hard = static_cast<float>(kHardLink);
-  for (int y = 0; y < h; ++y) {
-    const uint8_t* labels = pixelAt(trimap, 0, y);
-    for (int x = 0; x < w; ++x) {
-      const int node = y * w + x;
-      float source = 0.0f;
-      float sink = 0.0f;
-      if (labels[x] == kLabelBackgroundFixed) {
-        sink = hard;
-      } else if (labels[x] == kLabelObjectFixed) {
-        source = hard;
-      } else if (labels[x] != kLabelOutsideBand) {
-        const uint8_t* c = pixelAt(colourImage, x, y);
-        const pixelVal p = grey ? pixelVal{static_cast<double>(c[0]),
-                                           static_cast<double>(*pixelAt(featureA, x, y)),
-                                           static_cast<double>(*pixelAt(featureB, x, y))}
-                                : pixelVal{static_cast<double>(c[0]), static_cast<double>(c[1]),
-                                           static_cast<double>(c[2])};
-        source = -static_cast<float>(std::log(m_bgModel.GMMProb(p)));
-        sink = -static_cast<float>(std::log(m_fgModel.GMMProb(p)));
-      }
-      g->addtWeights(node, source, sink);
-    }
-  }
-
   // 5. exp(-beta d^2) for every channel difference d.
   float* table = static_cast<float*>(ZIRK_Malloc_Msg(1024, "constructGraphTrimapZIRK", 2385));
   if (table == nullptr) return 1;  // the caller falls back to plain enlargement
   for (int i = 0; i < 256; ++i) table[i] = expf(-static_cast<float>(i * i * m_beta));
+  const TrimapLinks links(&m_fgModel, &m_bgModel, table, m_lamda, grey);
 
-  // 6. Contrast of two colour pixels, one table entry per channel.
-  auto contrast = [table](const uint8_t* p, const uint8_t* q) {
-    return table[std::abs(p[0] - q[0])] * table[std::abs(p[1] - q[1])] *
-           table[std::abs(p[2] - q[2])];
-  };
-  // Horizontal links carry no contrast term: table[0]^3 is 1.
-  const float left = static_cast<float>(m_lamda * static_cast<double>(table[0] * table[0] * table[0]));
-  const float diagonal = static_cast<float>(m_lamda * kDiagonalFactor);
+  // 3./4. T-links; pixels outside the band (7) get none.
+  for (int y = 0; y < h; ++y) {
+    const uint8_t* labels = pixelAt(trimap, 0, y);
+    for (int x = 0; x < w; ++x) {
+      float source, sink;
+      links.terminal(labels[x], pixelAt(colourImage, x, y), grey ? *pixelAt(featureA, x, y) : 0,
+                     grey ? *pixelAt(featureB, x, y) : 0, &source, &sink);
+      g->addtWeights(y * w + x, source, sink);
+    }
+  }
 
-  // 7. N-links; any edge touching a pixel outside the band is absent.
+  // 6./7. N-links; any edge touching a pixel outside the band is absent.
   for (int y = 0; y < h; ++y) {
     const uint8_t* labels = pixelAt(trimap, 0, y);
     const uint8_t* labelsUp = y > 0 ? pixelAt(trimap, 0, y - 1) : nullptr;
@@ -223,32 +200,19 @@ int ZIRKSEHybrid::constructGraphTrimapZIRK(IplImage* colourImage, IplImage* /*sp
         continue;
       }
       const uint8_t* c = pixelAt(colourImage, x, y);
-      // left
       if (x >= 1 && labels[x - 1] != kLabelOutsideBand)
-        g->addEdge(p, p - 1, left, left, false);
+        g->addEdge(p, p - 1, links.horizontal(), links.horizontal(), false);
       else
         g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
-      // up-left
-      if (labelsUp != nullptr && x >= 1 && labelsUp[x - 1] != kLabelOutsideBand) {
-        const float cap = diagonal * contrast(c, pixelAt(colourImage, x - 1, y - 1));
-        g->addEdge(p, p - w - 1, cap, cap, false);
-      } else {
-        g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
-      }
-      // up
-      if (labelsUp != nullptr && labelsUp[x] != kLabelOutsideBand) {
-        const float cap =
-            static_cast<float>(m_lamda * static_cast<double>(contrast(c, pixelAt(colourImage, x, y - 1))));
-        g->addEdge(p, p - w, cap, cap, false);
-      } else {
-        g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
-      }
-      // up-right
-      if (labelsUp != nullptr && x < w - 1 && labelsUp[x + 1] != kLabelOutsideBand) {
-        const float cap = diagonal * contrast(c, pixelAt(colourImage, x + 1, y - 1));
-        g->addEdge(p, p - w + 1, cap, cap, false);
-      } else {
-        g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
+      // up-left, up, up-right
+      for (int dx = -1; dx <= 1; ++dx) {
+        if (labelsUp == nullptr || x + dx < 0 || x + dx >= w || labelsUp[x + dx] == kLabelOutsideBand) {
+          g->addEdge(p, -1, kAbsentArc, kAbsentArc, true);
+          continue;
+        }
+        const uint8_t* q = pixelAt(colourImage, x + dx, y - 1);
+        const float cap = dx == 0 ? links.vertical(c, q) : links.diagonal(c, q);
+        g->addEdge(p, p - w + dx, cap, cap, false);
       }
     }
   }

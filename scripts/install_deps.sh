@@ -9,6 +9,7 @@ packages=(
   android-liblog-dev       # __android_log_print on the Linux host
   libgtest-dev googletest  # GoogleTest with CTest
   libbenchmark-dev         # Google Benchmark
+  libcpp-httplib-dev nlohmann-json3-dev  # segdemo's HTTP server and JSON
 )
 packages+=("$@")
 

@@ -1,14 +1,21 @@
 #!/usr/bin/env bash
 # Sets up, builds and runs every test on this machine:
-#   1. plain build, whole suite;
+#   1. plain build, whole suite, with the package test (install, then build and
+#      run a caller's project against the installed package);
 #   2. AddressSanitizer + UndefinedBehaviorSanitizer build, whole suite;
 #   3. ThreadSanitizer build, the threaded parts (max-flow blocks, k-means,
 #      cancellation from another thread);
 #   4. the fuzz target for a bounded time (seconds: FUZZ_SECONDS, default 60).
+# The plain build's suite includes segdemo's browser test: Debian's chromium
+# driven by playwright-core from npm (pinned by tests/demo/package-lock.json;
+# it never downloads a browser of its own).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/install_deps.sh
+browser_test=(chromium)
+{ command -v node && command -v npm; } >/dev/null || browser_test+=(nodejs npm)
+bash scripts/install_deps.sh "${browser_test[@]}"
+(cd tests/demo && PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 npm ci --no-audit --no-fund --loglevel=error)
 jobs=$(nproc)
 started=$(date +%s)
 stage() { echo; echo "== $1 ($(( $(date +%s) - started )) s so far)"; }

@@ -35,25 +35,74 @@ bool sameSize(const IplImage* a, const IplImage* b) {
   return a->width == b->width && a->height == b->height;
 }
 
-// 4-connected regions of the pixels equal to value. Labels are 32-bit, so any
-// number of regions is told apart; label 0 is everything else.
-int regionsOf(const cv::Mat& mask, uint8_t value, cv::Mat& labels, cv::Mat& stats) {
-  cv::Mat selected = mask == value;
-  cv::Mat centroids;
-  return cv::connectedComponentsWithStats(selected, labels, stats, centroids, 4, CV_32S);
-}
+// 4-connected regions of the pixels equal to one value, found on runs of
+// rows with a union-find, so the memory grows with the number of runs
+// rather than with the number of pixels.
+class Regions {
+ public:
+  Regions(const cv::Mat& mask, uint8_t value) {
+    int32_t previousRow = 0;  // first run of the row above
+    for (int r = 0; r < mask.rows; ++r) {
+      const uint8_t* row = mask.ptr<uint8_t>(r);
+      const int32_t thisRow = static_cast<int32_t>(m_runs.size());
+      for (int c = 0; c < mask.cols;) {
+        if (row[c] != value) {
+          ++c;
+          continue;
+        }
+        const int32_t x0 = c;
+        while (c < mask.cols && row[c] == value) ++c;
+        m_runs.push_back(Run{r, x0, c - 1});
+        m_parent.push_back(static_cast<int32_t>(m_parent.size()));
+      }
+      // Runs of neighbouring rows that share a column are one region.
+      int32_t a = previousRow;
+      for (int32_t b = thisRow; b < static_cast<int32_t>(m_runs.size()); ++b) {
+        while (a < thisRow && m_runs[a].x1 < m_runs[b].x0) ++a;
+        for (int32_t k = a; k < thisRow && m_runs[k].x0 <= m_runs[b].x1; ++k) join(k, b);
+      }
+      previousRow = thisRow;
+    }
+    m_area.assign(m_runs.size(), 0);
+    for (size_t i = 0; i < m_runs.size(); ++i)
+      m_area[root(static_cast<int32_t>(i))] += m_runs[i].x1 - m_runs[i].x0 + 1;
+  }
 
-// Sets every pixel of the regions marked in `chosen` to value.
-void paintRegions(cv::Mat& mask, const cv::Mat& labels, const std::vector<uint8_t>& chosen,
-                  uint8_t value) {
-  for (int r = 0; r < mask.rows; ++r) {
-    const int32_t* lab = labels.ptr<int32_t>(r);
-    uint8_t* out = mask.ptr<uint8_t>(r);
-    for (int c = 0; c < mask.cols; ++c) {
-      if (chosen[lab[c]]) out[c] = value;
+  // Area of the region of each run's root (0 for other runs).
+  int64_t largest() const {
+    int64_t most = 0;
+    for (int64_t a : m_area) most = std::max(most, a);
+    return most;
+  }
+
+  // Sets every pixel of the regions whose area passes `chosen` to `to`.
+  template <class Choose>
+  void paint(cv::Mat& mask, uint8_t to, Choose chosen) {
+    for (size_t i = 0; i < m_runs.size(); ++i) {
+      if (!chosen(m_area[root(static_cast<int32_t>(i))])) continue;
+      const Run& run = m_runs[i];
+      std::fill(mask.ptr<uint8_t>(run.row) + run.x0, mask.ptr<uint8_t>(run.row) + run.x1 + 1, to);
     }
   }
-}
+
+ private:
+  struct Run {
+    int32_t row, x0, x1;
+  };
+  int32_t root(int32_t i) {
+    while (m_parent[i] != i) i = m_parent[i] = m_parent[m_parent[i]];
+    return i;
+  }
+  void join(int32_t a, int32_t b) {
+    a = root(a);
+    b = root(b);
+    if (a != b) m_parent[std::max(a, b)] = std::min(a, b);
+  }
+
+  std::vector<Run> m_runs;
+  std::vector<int32_t> m_parent;
+  std::vector<int64_t> m_area;
+};
 
 }  // namespace
 
@@ -109,32 +158,19 @@ void ZIRKSEHybrid::postProcessForLoop(IplImage* mask) {
     return;
   }
   cv::Mat m = cv::cvarrToMat(mask);
-  cv::Mat labels;
-  cv::Mat stats;
 
   // 1./2. Object islands under a tenth of the largest are dropped.
-  int count = regionsOf(m, kObject, labels, stats);
-  int largest = 0;
-  for (int i = 1; i < count; ++i) largest = std::max(largest, stats.at<int>(i, cv::CC_STAT_AREA));
-  const int64_t threshold = static_cast<int64_t>(largest * kIslandFraction);
-  std::vector<uint8_t> chosen(count, 0);
-  bool any = false;
-  for (int i = 1; i < count; ++i) {
-    chosen[i] = stats.at<int>(i, cv::CC_STAT_AREA) < threshold;
-    any = any || chosen[i];
+  {
+    Regions objects(m, kObject);
+    const int64_t threshold =
+        static_cast<int64_t>(static_cast<double>(objects.largest()) * kIslandFraction);
+    objects.paint(m, kBackground, [threshold](int64_t area) { return area > 0 && area < threshold; });
   }
-  if (any) paintRegions(m, labels, chosen, kBackground);
   if (cancelSegmentation()) return;  // the mask is dropped anyway
 
   // 3. Background holes of at most 4 pixels in the cleaned mask are filled.
-  count = regionsOf(m, kBackground, labels, stats);
-  chosen.assign(count, 0);
-  any = false;
-  for (int i = 1; i < count; ++i) {
-    chosen[i] = stats.at<int>(i, cv::CC_STAT_AREA) <= kMaxHole;
-    any = any || chosen[i];
-  }
-  if (any) paintRegions(m, labels, chosen, kObject);
+  Regions holes(m, kBackground);
+  holes.paint(m, kObject, [](int64_t area) { return area > 0 && area <= kMaxHole; });
 }
 
 void ZIRKSEHybrid::postProcessForStroke(IplImage* mask) {

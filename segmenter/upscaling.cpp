@@ -11,13 +11,19 @@
 // side of the cut; everything else keeps the enlarged working labels.
 // Memory: the band's graph (about 40 bytes per band-rectangle pixel) plus a
 // few full-size byte images.
+#include <opencv2/imgproc.hpp>
 #include <opencv2/imgproc/imgproc_c.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <vector>
 
 #include "engine/ZIRKSEMarker.h"
+#include "graphcut/BandGraph.h"
 #include "segmenter/ZIRKSEHybrid.h"
 #include "support/ZIRKLog.h"
+#include "support/ZIRKMemory.h"
 
 namespace {
 
@@ -43,6 +49,54 @@ IplImage* enlargeMask(IplImage* mask, CvSize full) {
   IplImage* big = cvCreateImage(full, IPL_DEPTH_8U, 1);
   cvResize(mask, big, CV_INTER_NN);
   return big;
+}
+
+// Deletes the band graph however the refinement ends.
+class DeleteOnExit {
+ public:
+  explicit DeleteOnExit(ZIRKSEGraph** graph) : m_graph(graph) {}
+  ~DeleteOnExit() {
+    delete *m_graph;
+    *m_graph = nullptr;
+  }
+  DeleteOnExit(const DeleteOnExit&) = delete;
+  DeleteOnExit& operator=(const DeleteOnExit&) = delete;
+
+ private:
+  ZIRKSEGraph** m_graph;
+};
+
+// The working index shown by each of `full` pixels when `small` pixels are
+// enlarged by nearest neighbour, taken from the enlargement itself.
+std::vector<int32_t> nearestMap(int small, int full) {
+  cv::Mat index(1, small, CV_32S), enlarged;
+  for (int i = 0; i < small; ++i) index.at<int32_t>(0, i) = i;
+  cv::resize(index, enlarged, cv::Size(full, 1), 0, 0, cv::INTER_NEAREST);
+  return std::vector<int32_t>(enlarged.ptr<int32_t>(0), enlarged.ptr<int32_t>(0) + full);
+}
+
+// The full-size mask: the working labels enlarged, object = 2 or 4, where
+// the band's unknown pixels take the side of the cut.
+void writeResult(const BandGraph& band, const std::vector<int32_t>& xmap,
+                 const std::vector<int32_t>& ymap, ZIRKSEGraph* graph, IplImage* result) {
+  const IplImage* labels = ZIRKSEMarker::m_labelImage;
+  const int width = result->width;
+  std::vector<uint8_t> objectRow(width);
+  int32_t shownRow = -1;
+  for (int y = 0; y < result->height; ++y) {
+    const int32_t sy = ymap[y];
+    if (sy != shownRow) {
+      const uint8_t* l = pixelRow(const_cast<IplImage*>(labels), sy);
+      for (int x = 0; x < width; ++x) objectRow[x] = isObjectLabel(l[xmap[x]]) ? 255 : 0;
+      shownRow = sy;
+    }
+    uint8_t* r = pixelRow(result, y);
+    std::copy(objectRow.begin(), objectRow.end(), r);
+    band.forEachNodeInRow(y, [&](int x, int yy, int32_t node) {
+      if (band.label(x, yy) != 0) return;
+      r[x] = graph->getTreeofNode(node) == 1 ? 0 : 255;
+    });
+  }
 }
 
 }  // namespace
@@ -87,29 +141,14 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   sizesOk = checkSize(full, 1812) && sizesOk;
   sizesOk = checkSize(full, 1813) && sizesOk;
   if (!sizesOk) return nullptr;
-  // Between the stages: a cancelled request, or one out of time, ends here
-  // with no mask (the band graph and the work images are released).
-  auto stopped = [this] {
-    if (!cancelSegmentation()) return false;
-    delete m_trimapGraph;
-    m_trimapGraph = nullptr;
-    return true;
-  };
 
   // 2. Trimap: how many of the four morphologies cover each pixel.
   // Every work image is released however this ends (an allocation that
   // fails throws).
   IplImage* trimap = nullptr;
   IplImage* morph = nullptr;
-  IplImage* labels = nullptr;
-  IplImage* bigTrimap = nullptr;
-  IplImage* bandTrimap = nullptr;
-  IplImage* bandColour = nullptr;
-  IplImage* bandHor = nullptr;
-  IplImage* bandVer = nullptr;
-  ZIRKReleaseOnExit releaseTrimap(&trimap), releaseMorph(&morph), releaseLabels(&labels),
-      releaseBigTrimap(&bigTrimap), releaseBandTrimap(&bandTrimap), releaseBandColour(&bandColour),
-      releaseBandHor(&bandHor), releaseBandVer(&bandVer);
+  ZIRKReleaseOnExit releaseTrimap(&trimap), releaseMorph(&morph);
+  DeleteOnExit releaseGraph(&m_trimapGraph);
   trimap = cvCreateImage(small, IPL_DEPTH_8U, 1);
   morph = cvCreateImage(small, IPL_DEPTH_8U, 1);
   cvSetZero(trimap);
@@ -137,87 +176,64 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
     }
   }
 
-  // 4. Labels and trimap at full size (nearest).
-  labels = cvCreateImage(full, IPL_DEPTH_8U, 1);
-  cvSetZero(labels);
-  cvResize(ZIRKSEMarker::m_labelImage, labels, CV_INTER_NN);
-  bigTrimap = cvCreateImage(full, IPL_DEPTH_8U, 1);
-  cvResize(trimap, bigTrimap, CV_INTER_NN);
-  cvReleaseImage(&trimap);
-  if (stopped()) return nullptr;
+  // 4. The nearest-neighbour enlargement as index maps: full column x and
+  // row y show working pixel (xmap[x], ymap[y]). Resizing index images gives
+  // exactly the mapping of an image enlargement, without the full-size
+  // label and trimap images.
+  std::vector<int32_t> xmap = nearestMap(small.width, full.width);
+  std::vector<int32_t> ymap = nearestMap(small.height, full.height);
 
-  // 5. Bounding rectangle of the band.
+  // 5. The band and its bounding rectangle. The link capacities come from
+  // exp(-beta d^2) for every channel difference d. Fixed pixels whose hard
+  // link outweighs all their links are merged into their terminal.
+  float table[256];
+  for (int i = 0; i < 256; ++i) table[i] = expf(-static_cast<float>(i * i * m_beta));
+  const bool grey = ZIRKSEMarker::m_isGreyScale;
+  const TrimapLinks links(&m_fgModel, &m_bgModel, table, m_lamda, grey);
+  BandGraph band(trimap, xmap, ymap, links.fixedPixelsAreSettled());
   int xmin = 2147483647, xmax = -1, ymin = 2147483647, ymax = -1;
-  for (int x = 0; x < full.width; ++x) {
-    for (int y = 0; y < full.height; ++y) {
-      if (pixelRow(bigTrimap, y)[x] == kLabelOutsideBand) continue;
-      if (x < xmin) xmin = x;
-      if (x > xmax) xmax = x;
-      if (y < ymin) ymin = y;
-      if (y > ymax) ymax = y;
-    }
-  }
-  const int64_t bandW = static_cast<int64_t>(xmax) - xmin + 1;
-  const int64_t bandH = static_cast<int64_t>(ymax) - ymin + 1;
-  if (stopped()) return nullptr;
+  const bool hasBand = band.bounds(&xmin, &xmax, &ymin, &ymax);
+  // Between the stages from here on: a cancelled request, or one out of
+  // time, ends with no mask (the graph and the work images are released on
+  // the way out).
+  if (cancelSegmentation()) return nullptr;
 
   // 6. No band (empty or full mask): plain enlargement.
-  if (xmin >= full.width || ymin >= full.height || bandW < 0 || bandH < 0 || xmax < 0 ||
-      ymax < 0) {
+  if (!hasBand) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "Failed: xmin:%d, xmax:%d, ymin:%d, ymax:%d",
                         xmin, xmax, ymin, ymax);
     m_boundWidthTrimap = 0;
     m_boundHeightTrimap = 0;
-    cvReleaseImage(&labels);
-    cvReleaseImage(&bigTrimap);
     return enlargeMask(mask, full);
   }
   __android_log_print(ANDROID_LOG_INFO, "Info", "Passed: xmin:%d, xmax:%d, ymin:%d, ymax:%d", xmin,
                       xmax, ymin, ymax);
-  m_boundWidthTrimap = static_cast<int32_t>(bandW);
-  m_boundHeightTrimap = static_cast<int32_t>(bandH);
-  if (m_boundWidthTrimap > ZIRKSEMarker::m_originalWidth)
-    m_boundWidthTrimap = ZIRKSEMarker::m_originalWidth;
-  if (m_boundHeightTrimap > ZIRKSEMarker::m_originalHeight)
-    m_boundHeightTrimap = ZIRKSEMarker::m_originalHeight;
+  // Inside the image by construction, so the clamps never bite.
+  m_boundWidthTrimap = xmax - xmin + 1;
+  m_boundHeightTrimap = ymax - ymin + 1;
   __android_log_print(ANDROID_LOG_INFO, "Info", "m_boundWidthTrimap:%d, m_boundHeightTrimap:%d",
                       m_boundWidthTrimap, m_boundHeightTrimap);
 
-  // 8. Crops of the band rectangle.
-  const int bw = m_boundWidthTrimap;
-  const int bh = m_boundHeightTrimap;
-  bandTrimap = cropImageTrimap(bigTrimap, bw, bh, ymin, xmin);
-  bandColour = cropImageTrimap(original, bw, bh, ymin, xmin);
+  // 8./9. The band's graph, over its pixels only.
   int status = 0;
-  if (ZIRKSEMarker::m_isGreyScale) {
-    if (ZIRKSEMarker::m_texHor != nullptr && ZIRKSEMarker::m_texVer != nullptr) {
-      checkSize(full, 1981);
-      IplImage* bigHor = nullptr;
-      IplImage* bigVer = nullptr;
-      ZIRKReleaseOnExit releaseBigHor(&bigHor), releaseBigVer(&bigVer);
-      bigHor = cvCreateImage(full, IPL_DEPTH_8U, 1);
-      cvResize(ZIRKSEMarker::m_texHor, bigHor, CV_INTER_NN);
-      checkSize(full, 1982);
-      bigVer = cvCreateImage(full, IPL_DEPTH_8U, 1);
-      cvResize(ZIRKSEMarker::m_texVer, bigVer, CV_INTER_NN);
-      bandHor = cropImageTrimap(bigHor, bw, bh, ymin, xmin);
-      bandVer = cropImageTrimap(bigVer, bw, bh, ymin, xmin);
-      cvReleaseImage(&bigHor);
-      cvReleaseImage(&bigVer);
-    } else {
+  const IplImage* texA = nullptr;
+  const IplImage* texB = nullptr;
+  if (grey) {
+    texA = ZIRKSEMarker::m_texHor;
+    texB = ZIRKSEMarker::m_texVer;
+    if (texA == nullptr || texB == nullptr || texA->width != small.width ||
+        texA->height != small.height || texB->width != small.width || texB->height != small.height)
       status = 1;  // grey features without texture maps: can not build the band
-    }
   }
-
-  // 9. The band's graph.
+  if (m_trimapGraph != nullptr) {
+    delete m_trimapGraph;  // never left over, but never leaked either
+    m_trimapGraph = nullptr;
+  }
   if (status == 0) {
-    if (m_trimapGraph != nullptr) {
-      delete m_trimapGraph;  // never left over, but never leaked either
-      m_trimapGraph = nullptr;
-    }
-    status = constructGraphTrimapZIRK(bandColour, nullptr, bandTrimap, bandHor, bandVer);
+    m_trimapGraph = band.build(original, texA, texB, links);
+    if (m_trimapGraph == nullptr) status = 1;
   }
-  if (stopped()) return nullptr;
+  if (cancelSegmentation()) return nullptr;
 
   IplImage* result = nullptr;
   if (status != 0) {
@@ -226,37 +242,17 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
                         status);
     result = enlargeMask(mask, full);
   } else {
-    // 11. Cut the band; the unknown ring takes the side of the cut.
-    m_trimapGraph->maxFlow();
+    // 11. Cut the band.
+    band.solve(m_trimapGraph);
     // A max-flow stopped part-way leaves nodes unsolved: its cut is not used.
-    if (stopped()) return nullptr;
-    for (int y = 0; y < bh; ++y) {
-      const uint8_t* t = pixelRow(bandTrimap, y);
-      uint8_t* l = pixelRow(labels, ymin + y) + xmin;
-      for (int x = 0; x < bw; ++x) {
-        if (t[x] != 0) continue;
-        l[x] = m_trimapGraph->getTreeofNode(x + y * bw) == 1 ? kLabelBackgroundEst
-                                                              : kLabelObjectEst;
-      }
-    }
-    // 12. Object = labels 2 and 4.
+    if (cancelSegmentation()) return nullptr;
+    // 12. Object = labels 2 and 4: the enlarged working labels, where the
+    // unknown ring of the band takes the side of the cut.
     checkSize(full, 2085);
     result = cvCreateImage(full, IPL_DEPTH_8U, 1);
-    for (int y = 0; y < full.height; ++y) {
-      const uint8_t* l = pixelRow(labels, y);
-      uint8_t* r = pixelRow(result, y);
-      for (int x = 0; x < full.width; ++x) r[x] = isObjectLabel(l[x]) ? 255 : 0;
-    }
+    writeResult(band, xmap, ymap, m_trimapGraph, result);
   }
 
-  // 13. Release the graph and every work image.
-  delete m_trimapGraph;
-  m_trimapGraph = nullptr;
-  ZIRK_ReleaseImage(&bandTrimap);
-  ZIRK_ReleaseImage(&bandColour);
-  ZIRK_ReleaseImage(&bandHor);
-  ZIRK_ReleaseImage(&bandVer);
-  cvReleaseImage(&labels);
-  cvReleaseImage(&bigTrimap);
+  // 13. The graph is released on the way out.
   return result;
 }

@@ -21,13 +21,11 @@
 //   undo, redo            step back or forth in the history
 // A stroke of a single point is a dab of the brush.
 //
-// Only the caller's header is used: this is how an application drives the
-// engine.
+// Only the caller's functions are used (through common/EditSession): this is
+// how an application drives the engine.
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
-#include <opencv2/imgproc.hpp>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -36,7 +34,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/SegmentationCore.h"
+#include "common/EditSession.h"
 
 namespace {
 
@@ -57,17 +55,6 @@ const char* kUsage =
     "      brush R              brush radius in pixels for later strokes\n"
     "      undo | redo          step in the history\n"
     "    blank lines and lines starting with '#' are skipped.\n";
-
-// Labels of the caller's marker image.
-constexpr int kUnknown = 0, kBackground = 1, kObject = 2, kBackgroundEst = 3, kObjectEst = 4;
-// Edit kinds.
-constexpr int kLoopAdd = 0, kLoopRemove = 1, kStrokeAdd = 2, kStrokeRemove = 3;
-
-struct Edit {
-  std::string kind;
-  std::vector<int> values;  // rect corners, brush radius, or x y pairs
-  int line = 0;
-};
 
 bool parseEdits(const std::string& file, std::vector<Edit>* edits) {
   std::ifstream in(file);
@@ -112,131 +99,12 @@ bool parseEdits(const std::string& file, std::vector<Edit>* edits) {
   return true;
 }
 
-std::vector<cv::Point> pointsOf(const Edit& e) {
-  std::vector<cv::Point> points;
-  for (size_t i = 0; i + 1 < e.values.size(); i += 2) points.emplace_back(e.values[i], e.values[i + 1]);
-  return points;
+bool writeOutputs(const EditSession& session, const cv::Mat& photo, const std::string& prefix) {
+  const cv::Mat object = objectMaskOf(session.mask(), session.width(), session.height());
+  return cv::imwrite(prefix + "_mask.png", object) &&
+         cv::imwrite(prefix + "_cutout.png", cutoutOf(photo, object)) &&
+         cv::imwrite(prefix + "_preview.png", fromArgb(session.preview(), session.width(), session.height()));
 }
-
-// The photo as 0xFFRRGGBB words.
-std::vector<unsigned int> toArgb(const cv::Mat& bgr) {
-  std::vector<unsigned int> argb(bgr.total());
-  for (int y = 0; y < bgr.rows; ++y) {
-    const cv::Vec3b* row = bgr.ptr<cv::Vec3b>(y);
-    for (int x = 0; x < bgr.cols; ++x)
-      argb[static_cast<size_t>(y) * bgr.cols + x] =
-          0xFF000000u | (unsigned(row[x][2]) << 16) | (unsigned(row[x][1]) << 8) | row[x][0];
-  }
-  return argb;
-}
-
-cv::Mat fromArgb(const std::vector<unsigned int>& argb, int width, int height) {
-  cv::Mat bgr(height, width, CV_8UC3);
-  for (int y = 0; y < height; ++y) {
-    cv::Vec3b* row = bgr.ptr<cv::Vec3b>(y);
-    for (int x = 0; x < width; ++x) {
-      const unsigned int w = argb[static_cast<size_t>(y) * width + x];
-      row[x] = cv::Vec3b(w & 0xFF, (w >> 8) & 0xFF, (w >> 16) & 0xFF);
-    }
-  }
-  return bgr;
-}
-
-class Session {
- public:
-  explicit Session(const cv::Mat& photo)
-      : m_width(photo.cols),
-        m_height(photo.rows),
-        m_source(toArgb(photo)),
-        m_preview(m_source),
-        m_mask(m_source.size(), 255),
-        m_brush(std::max(2, std::min(photo.cols, photo.rows) / 100)) {}
-  ~Session() { deinitSegmentation(); }
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
-
-  // Applies one edit; false when the engine went away.
-  bool apply(const Edit& e) {
-    if (e.kind == "brush") {
-      m_brush = e.values[0];
-      return true;
-    }
-    if (e.kind == "rect") {
-      std::vector<unsigned int> argb = m_source;
-      // Only 0 and 255 are ever written: a byte left at 7 means no mask came
-      // back (a cancelled cut).
-      std::fill(m_mask.begin(), m_mask.end(), 7);
-      doSegmentationBB(m_width, m_height, argb.data(), e.values[0], e.values[1], e.values[2],
-                       e.values[3], m_mask.data());
-      m_engine = true;
-      if (m_mask[0] == 7) {
-        m_preview = m_source;
-        std::fill(m_mask.begin(), m_mask.end(), 255);
-      } else {
-        // The rectangle's preview stays inside the engine: at the newest
-        // mask a redo renders that same mask again.
-        render(&redo);
-      }
-      return true;
-    }
-    if (!m_engine) {
-      setSourceImage(m_width, m_height, m_source.data());
-      initSegmentationEngine(0);
-      m_engine = true;
-    }
-    if (e.kind == "undo" || e.kind == "redo") {
-      render(e.kind == "undo" ? &undo : &redo);
-      return true;
-    }
-    const std::vector<cv::Point> points = pointsOf(e);
-    cv::Mat markers(m_height, m_width, CV_32S, cv::Scalar(kUnknown));
-    int kind = kLoopAdd;
-    if (e.kind == "loop" || e.kind == "cutloop") {
-      kind = e.kind == "loop" ? kLoopAdd : kLoopRemove;
-      cv::fillPoly(markers, std::vector<std::vector<cv::Point>>{points},
-                   cv::Scalar(kind == kLoopAdd ? kObjectEst : kBackgroundEst));
-    } else {
-      kind = e.kind == "add" ? kStrokeAdd : kStrokeRemove;
-      const cv::Scalar label(kind == kStrokeAdd ? kObject : kBackground);
-      cv::polylines(markers, std::vector<std::vector<cv::Point>>{points}, false, label, 2 * m_brush + 1);
-      for (const cv::Point& p : points) cv::circle(markers, p, m_brush, label, cv::FILLED);
-    }
-    std::vector<int> path(e.values);
-    m_preview = m_source;
-    setMarkerImage(m_width, m_height, markers.ptr<int>(), kind);
-    setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
-    return processSegment(0, 0, 0, m_preview.data(), m_mask.data()) == 0;
-  }
-
-  bool write(const std::string& prefix, const cv::Mat& photo) const {
-    cv::Mat object(m_height, m_width, CV_8U);
-    for (int y = 0; y < m_height; ++y)
-      for (int x = 0; x < m_width; ++x)
-        object.at<uint8_t>(y, x) = m_mask[static_cast<size_t>(y) * m_width + x] == 0 ? 255 : 0;
-    cv::Mat cutout;
-    cv::cvtColor(photo, cutout, cv::COLOR_BGR2BGRA);
-    cutout.setTo(cv::Scalar(0, 0, 0, 0), object == 0);
-    return cv::imwrite(prefix + "_mask.png", object) && cv::imwrite(prefix + "_cutout.png", cutout) &&
-           cv::imwrite(prefix + "_preview.png", fromArgb(m_preview, m_width, m_height));
-  }
-
- private:
-  // Shows the history step on a fresh copy of the photo. A step back to
-  // before the first edit leaves the mask buffer alone: it is reset to
-  // "no object" first so the output matches the empty state.
-  void render(void (*step)(unsigned int*, unsigned char*)) {
-    m_preview = m_source;
-    std::fill(m_mask.begin(), m_mask.end(), 255);
-    step(m_preview.data(), m_mask.data());
-  }
-
-  int m_width, m_height;
-  std::vector<unsigned int> m_source;
-  std::vector<unsigned int> m_preview;
-  std::vector<unsigned char> m_mask;  // engine convention: 0 = object
-  int m_brush;
-  bool m_engine = false;  // set up by the first edit
-};
 
 }  // namespace
 
@@ -278,11 +146,11 @@ int main(int argc, char** argv) {
   std::printf("%s: %dx%d\n", image.c_str(), photo.cols, photo.rows);
 
   const auto start = std::chrono::steady_clock::now();
-  Session session(photo);
+  EditSession session(photo);
   int number = 0;
   for (const Edit& e : edits) {
     const auto t0 = std::chrono::steady_clock::now();
-    const bool alive = session.apply(e);
+    const bool alive = session.apply(e) != EditSession::Result::kEngineGone;
     const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
     if (e.kind != "brush") std::printf("edit %d (%s): %.1f ms\n", ++number, e.kind.c_str(), ms);
     if (!alive) {
@@ -290,7 +158,7 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
-  if (!session.write(prefix, photo)) {
+  if (!writeOutputs(session, photo, prefix)) {
     std::fprintf(stderr, "segcut: cannot write %s_*.png\n", prefix.c_str());
     return 1;
   }

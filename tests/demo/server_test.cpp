@@ -1,0 +1,299 @@
+// segdemo's HTTP interface against a running server: bad input of every kind
+// gets a 4xx with a clear message and the server keeps serving; two clients
+// at once get serialised edits and never a mixed-up result.
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <opencv2/imgcodecs.hpp>
+
+#include <atomic>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+
+#include "segdemo/DemoServer.h"
+
+using nlohmann::json;
+
+namespace {
+
+const std::string kPhotos = SEGDEMO_PHOTO_DIR;
+const std::string kBook = kPhotos + "/images/book.jpg";
+const std::string kRect = R"({"kind": "rect", "rect": [59, 24, 618, 459]})";
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+std::string encode(const cv::Mat& image, const char* ext) {
+  std::vector<uchar> bytes;
+  cv::imencode(ext, image, bytes);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+cv::Mat decodeMask(const httplib::Result& r) {
+  if (!r || r->status != 200) return cv::Mat();
+  return cv::imdecode(cv::Mat(1, static_cast<int>(r->body.size()), CV_8U, const_cast<char*>(r->body.data())),
+                      cv::IMREAD_GRAYSCALE);
+}
+
+bool same(const cv::Mat& a, const cv::Mat& b) {
+  return !a.empty() && a.size() == b.size() && cv::countNonZero(a != b) == 0;
+}
+
+class DemoServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!std::ifstream(kBook)) GTEST_SKIP() << "photo set not found at " << kPhotos;
+    DemoLimits limits;
+    limits.maxPixels = 2000000;
+    limits.maxUploadBytes = 8u << 20;
+    m_server = std::make_unique<DemoServer>(limits);
+    m_port = m_server->bind("127.0.0.1", 0);
+    ASSERT_GT(m_port, 0);
+    m_thread = std::thread([this] { m_server->run(); });
+  }
+  void TearDown() override {
+    if (!m_server) return;
+    m_server->stop();
+    m_thread.join();
+    m_server.reset();
+  }
+  httplib::Client client() {
+    httplib::Client c("127.0.0.1", m_port);
+    c.set_read_timeout(std::chrono::seconds(60));
+    return c;
+  }
+  httplib::Result post(const std::string& path, const std::string& body) { return client().Post(path.c_str(), body, "application/json"); }
+
+  std::unique_ptr<DemoServer> m_server;
+  int m_port = 0;
+  std::thread m_thread;
+};
+
+struct BadRequest {
+  const char* what;
+  std::string method, path, body;
+  int status;
+  std::string message;  // part of the error message
+};
+
+TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServing) {
+  std::string million = R"({"kind": "add", "points": [)";
+  for (int i = 0; i < 1000000; ++i) million += i ? ",[1,1]" : "[1,1]";
+  million += "]}";
+  const std::string book = readFile(kBook);
+  const cv::Mat big(1500, 2000, CV_8UC3, cv::Scalar(40, 90, 160));      // 3 MP, above the test's 2 MP
+  const cv::Mat bigBmp(1200, 1800, CV_8UC3, cv::Scalar(40, 90, 160));   // 2.16 MP, no size in a header read
+  const std::vector<BadRequest> beforePhoto = {
+      {"edit before a photo", "POST", "/api/edit", kRect, 409, "no photo yet"},
+      {"mask before a photo", "GET", "/api/mask.png", "", 404, "no photo yet"},
+      {"live wire before a photo", "POST", "/api/livewire", R"({"seed": [1, 1], "to": [5, 5]})", 409, "no photo yet"},
+  };
+  const std::vector<BadRequest> withPhoto = {
+      {"empty upload", "POST", "/api/image", "", 400, "empty body"},
+      {"not an image", "POST", "/api/image", "hello, this is text", 400, "not an image"},
+      {"truncated JPEG", "POST", "/api/image", book.substr(0, 300), 400, "not an image"},
+      {"PNG above the pixel limit", "POST", "/api/image", encode(big, ".png"), 413, "2000x1500 (3 megapixels)"},
+      {"BMP above the pixel limit", "POST", "/api/image", encode(bigBmp, ".bmp"), 413, "1800x1200"},
+      {"upload above the byte limit", "POST", "/api/image", std::string(9u << 20, 'x'), 413, "larger than 8388608 bytes"},
+      {"malformed JSON", "POST", "/api/edit", R"({"kind": "rect", )", 400, "not valid JSON"},
+      {"JSON that is no object", "POST", "/api/edit", "[1, 2]", 400, "JSON object"},
+      {"unknown kind", "POST", "/api/edit", R"({"kind": "spiral"})", 400, "unknown kind \"spiral\""},
+      {"rect of three numbers", "POST", "/api/edit", R"({"kind": "rect", "rect": [1, 2, 3]})", 400, "[x1, y1, x2, y2]"},
+      {"rect past the right edge", "POST", "/api/edit", R"({"kind": "rect", "rect": [0, 0, 640, 10]})", 400,
+       "point (640, 10) is outside the 640x480 photo"},
+      {"rect left of the photo", "POST", "/api/edit", R"({"kind": "rect", "rect": [-1, 0, 10, 10]})", 400, "outside"},
+      {"rect of strings", "POST", "/api/edit", R"({"kind": "rect", "rect": ["a", 0, 10, 10]})", 400, "two integers"},
+      {"loop of two points", "POST", "/api/edit", R"({"kind": "loop", "points": [[1, 1], [5, 5]]})", 400, "at least 3"},
+      {"points that are no array", "POST", "/api/edit", R"({"kind": "add", "points": "abc"})", 400, "\"points\""},
+      {"point below the photo", "POST", "/api/edit", R"({"kind": "remove", "points": [[5, 480]]})", 400, "outside"},
+      {"radius 0", "POST", "/api/edit", R"({"kind": "add", "points": [[5, 5]], "radius": 0})", 400, "\"radius\""},
+      {"fractional radius", "POST", "/api/edit", R"({"kind": "add", "points": [[5, 5]], "radius": 1.5})", 400, "\"radius\""},
+      {"a million points", "POST", "/api/edit", million, 400, "1000000 points; the limit is 100000"},
+      {"undo with nothing to undo", "POST", "/api/edit", R"({"kind": "undo"})", 409, "nothing to undo"},
+      {"edit for a photo replaced since", "POST", "/api/edit", R"({"kind": "redo", "image": 999})", 409, "another page"},
+      {"mask of a photo replaced since", "GET", "/api/mask.png?image=999", "", 409, "another page"},
+      {"live wire seed outside", "POST", "/api/livewire", R"({"seed": [700, 1], "to": [5, 5]})", 400, "outside"},
+      {"unknown path", "GET", "/api/photo.tiff", "", 404, "no such resource"},
+  };
+  auto check = [&](const BadRequest& c) {
+    SCOPED_TRACE(c.what);
+    httplib::Client cli = client();
+    const httplib::Result r = c.method == "GET" ? cli.Get(c.path.c_str())
+                                                : cli.Post(c.path.c_str(), c.body, "application/octet-stream");
+    ASSERT_TRUE(r) << "no answer";
+    EXPECT_EQ(r->status, c.status);
+    const json j = json::parse(r->body, nullptr, false);
+    ASSERT_TRUE(j.is_object() && j.contains("error") && j["error"].is_string()) << r->body;
+    EXPECT_NE(j["error"].get<std::string>().find(c.message), std::string::npos) << j["error"];
+  };
+  for (const BadRequest& c : beforePhoto) check(c);
+  std::string error;
+  ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
+  for (const BadRequest& c : withPhoto) check(c);
+
+  // Still serving the same photo, and a good edit works.
+  const httplib::Result r = post("/api/edit", kRect);
+  ASSERT_TRUE(r);
+  ASSERT_EQ(r->status, 200) << r->body;
+  EXPECT_FALSE(json::parse(r->body)["cancelled"].get<bool>());
+  const cv::Mat mask = decodeMask(client().Get("/api/mask.png"));
+  ASSERT_EQ(mask.size(), cv::Size(640, 480));
+  EXPECT_GT(cv::countNonZero(mask), 640 * 480 / 10);
+}
+
+// One client runs the rectangle again while another sends requests of every
+// kind: the other's edits are refused with 409 or are the same rectangle,
+// every mask it reads is one of the two masks before and after, and the
+// result is the rectangle's mask.
+TEST_F(DemoServerTest, TwoClientsAtOnceGetSerialisedEditsAndConsistentMasks) {
+  std::string error;
+  ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
+  ASSERT_EQ(post("/api/edit", kRect)->status, 200);
+  const cv::Mat rectMask = decodeMask(client().Get("/api/mask.png"));
+  const httplib::Result stroke = post("/api/edit", R"({"kind": "remove", "points": [[250, 240], [450, 240]], "radius": 10})");
+  ASSERT_EQ(stroke->status, 200) << stroke->body;
+  const cv::Mat strokeMask = decodeMask(client().Get("/api/mask.png"));
+  ASSERT_FALSE(same(rectMask, strokeMask));
+
+  std::atomic<bool> done{false};
+  int editStatus = 0;
+  std::thread editor([&] {
+    editStatus = post("/api/edit", kRect)->status;
+    done = true;
+  });
+  // The other client starts once the edit runs.
+  for (int i = 0; i < 400 && !done; ++i) {
+    const httplib::Result r = client().Get("/api/state");
+    if (r && json::parse(r->body)["busy"].get<bool>()) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  int refused = 0, otherMasks = 0, failures = 0;
+  for (int i = 0; i < 2000 && !done; ++i) {
+    httplib::Client cli = client();
+    switch (i % 4) {
+      case 0: {
+        const cv::Mat m = decodeMask(cli.Get("/api/mask.png"));
+        otherMasks += !same(m, rectMask) && !same(m, strokeMask);
+        break;
+      }
+      case 1: {
+        const httplib::Result r = cli.Post("/api/edit", kRect, "application/json");
+        if (!r || (r->status != 200 && r->status != 409)) ++failures;
+        refused += r && r->status == 409;
+        break;
+      }
+      case 2: {
+        const httplib::Result r = cli.Post("/api/image", std::string("x"), "image/png");
+        if (!r || r->status != 400) ++failures;
+        break;
+      }
+      default: {
+        const httplib::Result r = cli.Get("/api/state");
+        if (!r || r->status != 200) ++failures;
+      }
+    }
+  }
+  editor.join();
+  EXPECT_EQ(editStatus, 200);
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(otherMasks, 0);
+  EXPECT_GT(refused, 0) << "no request arrived while the edit ran";
+  EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), rectMask));
+  const json state = json::parse(client().Get("/api/state")->body);
+  EXPECT_FALSE(state["busy"].get<bool>());
+  EXPECT_FALSE(state["canUndo"].get<bool>());
+}
+
+}  // namespace
+
+namespace {
+
+// A cancelled edit leaves the mask and the whole history as they were: with
+// a redo pending, the masks before and after it come back exactly.
+TEST_F(DemoServerTest, CancelledEditLeavesMaskAndHistory) {
+  std::string error;
+  ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
+  const std::string stroke = R"({"kind": "remove", "points": [[250, 240], [450, 240]], "radius": 10})";
+  const std::string loop = R"({"kind": "cutloop", "points": [[100, 60], [560, 60], [560, 420], [100, 420]]})";
+  // An earlier sequence that the rectangle below replaces.
+  ASSERT_EQ(post("/api/edit", kRect)->status, 200);
+  ASSERT_EQ(post("/api/edit", stroke)->status, 200);
+  cv::Mat rectMask, strokeMask;
+  bool sawCancel = false;
+  for (int attempt = 0; attempt < 8 && !sawCancel; ++attempt) {
+    // History: the rectangle, then the stroke, stepped back to the rectangle.
+    ASSERT_EQ(post("/api/edit", kRect)->status, 200);
+    rectMask = decodeMask(client().Get("/api/mask.png"));
+    ASSERT_EQ(post("/api/edit", stroke)->status, 200);
+    strokeMask = decodeMask(client().Get("/api/mask.png"));
+    ASSERT_EQ(post("/api/edit", R"({"kind": "undo"})")->status, 200);
+
+    std::atomic<bool> done{false};
+    json reply;
+    std::thread editor([&] {
+      const httplib::Result r = post("/api/edit", loop);
+      if (r && r->status == 200) reply = json::parse(r->body);
+      done = true;
+    });
+    for (int i = 0; i < 2000 && !done; ++i) {
+      post("/api/cancel", "{}");
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    editor.join();
+    ASSERT_TRUE(reply.is_object()) << "the edit failed";
+    if (!reply["cancelled"].get<bool>()) continue;  // finished first: again
+    sawCancel = true;
+    EXPECT_FALSE(reply["canUndo"].get<bool>());
+    EXPECT_TRUE(reply["canRedo"].get<bool>());
+    EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), rectMask));
+    ASSERT_EQ(post("/api/edit", R"({"kind": "redo"})")->status, 200);
+    EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), strokeMask));
+    ASSERT_EQ(post("/api/edit", R"({"kind": "undo"})")->status, 200);
+    EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), rectMask));
+    // And the next edit runs to the end. (Its mask may differ from the
+    // first stroke's: the segmenter keeps its colour models between edits.)
+    const httplib::Result next = post("/api/edit", stroke);
+    ASSERT_EQ(next->status, 200);
+    EXPECT_FALSE(json::parse(next->body)["cancelled"].get<bool>());
+    const cv::Rect band(250, 230, 201, 21);
+    EXPECT_LT(cv::countNonZero(decodeMask(client().Get("/api/mask.png"))(band)), cv::countNonZero(rectMask(band)) / 2);
+  }
+  EXPECT_TRUE(sawCancel) << "every edit finished before its cancel";
+}
+
+}  // namespace
+
+namespace {
+
+// Live-wire paths for random seeds and targets: they start at the seed, end
+// at the target, stay in the photo and move in small steps (the search runs
+// on the photo reduced to about 0.25 megapixels: steps of 1 to 2 pixels).
+TEST_F(DemoServerTest, LiveWirePathsJoinSeedAndTargetInSmallSteps) {
+  std::string error;
+  ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
+  cv::RNG rng(19);
+  for (int i = 0; i < 4; ++i) {
+    const int sx = rng.uniform(0, 640), sy = rng.uniform(0, 480), tx = rng.uniform(0, 640), ty = rng.uniform(0, 480);
+    SCOPED_TRACE(testing::Message() << "seed " << sx << "," << sy << " to " << tx << "," << ty);
+    for (const auto& to : {std::make_pair(tx, ty), std::make_pair(sx, ty)}) {  // a second target, same seed
+      const httplib::Result r = post("/api/livewire", json{{"seed", {sx, sy}}, {"to", {to.first, to.second}}}.dump());
+      ASSERT_TRUE(r && r->status == 200);
+      const json points = json::parse(r->body)["points"];
+      ASSERT_GE(points.size(), 1u);
+      EXPECT_EQ(points.front(), json({sx, sy}));
+      EXPECT_EQ(points.back(), json({to.first, to.second}));
+      for (size_t k = 0; k < points.size(); ++k) {
+        const int x = points[k][0], y = points[k][1];
+        ASSERT_TRUE(x >= 0 && y >= 0 && x < 640 && y < 480);
+        if (k == 0) continue;
+        const int step = std::max(std::abs(x - points[k - 1][0].get<int>()), std::abs(y - points[k - 1][1].get<int>()));
+        ASSERT_LE(step, 3) << "at point " << k;
+      }
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,200 @@
+// Masks must not change when the engine gets faster. Every shared photo is cut
+// from its rectangle, and a few photos get scripted corrective edits (brush
+// strokes and loops placed from the ground truth only, so the script does
+// not depend on the masks it checks). Each mask is compared with the stored
+// reference in reference_masks.txt. The minimum cut is canonical, so any
+// exact solver reproduces the masks; the tolerance only admits a float
+// rounding tie decided the other way: at most 0.05 % of a photo's pixels.
+//
+// SEGCORE_WRITE_REFERENCE=<file> writes the references instead of checking.
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "common/PhotoSet.h"
+#include "e2e/EngineHarness.h"
+
+namespace {
+
+constexpr double kTolerance = 0.0005;
+const char* const kCorrected[] = {"banana1", "bush", "llama", "teddy"};
+
+// Row-major run lengths of a 0/255 mask, starting with a background run.
+std::vector<int> runsOf(const cv::Mat& object) {
+  std::vector<int> runs;
+  bool inObject = false;
+  int length = 0;
+  for (int y = 0; y < object.rows; ++y)
+    for (int x = 0; x < object.cols; ++x) {
+      if ((object.at<uint8_t>(y, x) != 0) != inObject) {
+        runs.push_back(length);
+        inObject = !inObject;
+        length = 0;
+      }
+      ++length;
+    }
+  runs.push_back(length);
+  return runs;
+}
+
+cv::Mat maskOfRuns(const std::vector<int>& runs, int width, int height) {
+  cv::Mat object(height, width, CV_8U, cv::Scalar(0));
+  size_t at = 0;
+  const size_t total = object.total();
+  for (size_t i = 0; i < runs.size() && at <= total; ++i) {
+    const size_t n = std::min<size_t>(static_cast<size_t>(std::max(runs[i], 0)), total - at);
+    if (i % 2 == 1) std::fill_n(object.data + at, n, uint8_t{255});
+    at += n;
+  }
+  return object;
+}
+
+std::string referencePath() { return std::string(SEGCORE_TESTS_DIR) + "/e2e/reference_masks.txt"; }
+
+// name -> (width, height, runs)
+struct Reference {
+  int width = 0, height = 0;
+  std::vector<int> runs;
+};
+
+const std::map<std::string, Reference>& references() {
+  static const std::map<std::string, Reference> table = [] {
+    std::map<std::string, Reference> t;
+    std::ifstream in(referencePath());
+    std::string line;
+    while (std::getline(in, line)) {
+      std::istringstream words(line);
+      std::string name;
+      Reference r;
+      if (!(words >> name >> r.width >> r.height)) continue;
+      for (int v; words >> v;) r.runs.push_back(v);
+      t[name] = r;
+    }
+    return t;
+  }();
+  return table;
+}
+
+// The deepest point of a region and a short horizontal stroke through it
+// that stays inside.
+std::vector<cv::Point> strokeThroughDeepest(const cv::Mat& region, int radius) {
+  cv::Mat dist;
+  cv::distanceTransform(region, dist, cv::DIST_L2, 3);
+  cv::Point centre;
+  cv::minMaxLoc(dist, nullptr, nullptr, nullptr, &centre);
+  int left = centre.x, right = centre.x;
+  const float keep = static_cast<float>(radius + 2);
+  while (left > 0 && centre.x - left < 30 && dist.at<float>(centre.y, left - 1) >= keep) --left;
+  while (right + 1 < region.cols && right - centre.x < 30 && dist.at<float>(centre.y, right + 1) >= keep)
+    ++right;
+  return {cv::Point(left, centre.y), centre, cv::Point(right, centre.y)};
+}
+
+std::vector<cv::Point> squareAround(cv::Point c, int half, const cv::Size& size) {
+  const int x0 = std::max(0, c.x - half), x1 = std::min(size.width - 1, c.x + half);
+  const int y0 = std::max(0, c.y - half), y1 = std::min(size.height - 1, c.y + half);
+  return {{x0, y0}, {x1, y0}, {x1, y1}, {x0, y1}};
+}
+
+class MaskRegression : public e2e::EngineTest, public ::testing::WithParamInterface<std::string> {
+ protected:
+  void SetUp() override {
+    if (!photoSetAvailable()) GTEST_SKIP() << "photo set not found under " << photoSetDir();
+    photo = loadPhoto(GetParam());
+    ASSERT_FALSE(photo.image.empty());
+    w = photo.image.cols;
+    h = photo.image.rows;
+    source = toArgb(photo.image);
+  }
+
+  cv::Mat rectangle() {
+    std::vector<unsigned int> argb = source;
+    std::vector<unsigned char> mask(source.size(), 7);
+    doSegmentationBB(w, h, argb.data(), photo.x1, photo.y1, photo.x2, photo.y2, mask.data());
+    return e2e::objectOf(mask, w, h);
+  }
+
+  // kind: 0 loop adds, 1 loop removes, 2 stroke adds, 3 stroke removes.
+  cv::Mat edit(int kind, const std::vector<cv::Point>& points, int radius) {
+    cv::Mat marks(h, w, CV_32S, cv::Scalar(0));
+    if (kind < 2) {
+      cv::fillPoly(marks, std::vector<std::vector<cv::Point>>{points}, cv::Scalar(kind == 0 ? 4 : 3));
+    } else {
+      const cv::Scalar label(kind == 2 ? 2 : 1);
+      cv::polylines(marks, std::vector<std::vector<cv::Point>>{points}, false, label, 2 * radius + 1);
+    }
+    std::vector<int> path;
+    for (const cv::Point& p : points) path.insert(path.end(), {p.x, p.y});
+    std::vector<unsigned int> preview = source;
+    std::vector<unsigned char> mask(source.size(), 7);
+    setMarkerImage(w, h, marks.ptr<int>(), kind);
+    setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
+    EXPECT_EQ(processSegment(0, 0, 0, preview.data(), mask.data()), 0);
+    return e2e::objectOf(mask, w, h);
+  }
+
+  void check(const std::string& name, const cv::Mat& object) {
+    if (const char* out = std::getenv("SEGCORE_WRITE_REFERENCE")) {
+      std::ofstream file(out, std::ios::app);
+      file << name << ' ' << w << ' ' << h;
+      for (int r : runsOf(object)) file << ' ' << r;
+      file << '\n';
+      return;
+    }
+    const auto found = references().find(name);
+    ASSERT_NE(found, references().end()) << "no reference mask for " << name << " in " << referencePath();
+    const Reference& ref = found->second;
+    ASSERT_EQ(ref.width, w);
+    ASSERT_EQ(ref.height, h);
+    const int differing = cv::countNonZero(maskOfRuns(ref.runs, w, h) != object);
+    EXPECT_LE(differing, kTolerance * w * h) << name << ": " << differing << " pixels differ";
+    if (differing > 0) std::printf("%s: %d pixels differ from the reference\n", name.c_str(), differing);
+  }
+
+  Photo photo;
+  int w = 0, h = 0;
+  std::vector<unsigned int> source;
+};
+
+TEST(MaskRuns, RoundTripOnRandomMasks) {
+  cv::RNG rng(7);
+  for (int t = 0; t < 20; ++t) {
+    cv::Mat object(1 + t % 7, 1 + t * 3, CV_8U);
+    rng.fill(object, cv::RNG::UNIFORM, 0, 2);
+    object *= 255;
+    EXPECT_EQ(cv::countNonZero(maskOfRuns(runsOf(object), object.cols, object.rows) != object), 0);
+  }
+}
+
+TEST_P(MaskRegression, RectangleAndCorrectiveEditsKeepTheirMasks) {
+  check(GetParam() + "/rect", rectangle());
+  if (std::find(std::begin(kCorrected), std::end(kCorrected), GetParam()) == std::end(kCorrected)) return;
+
+  const cv::Rect rect(cv::Point(photo.x1, photo.y1), cv::Point(photo.x2 + 1, photo.y2 + 1));
+  cv::Mat grownTruth, background = cv::Mat::zeros(h, w, CV_8U);
+  cv::dilate(photo.truth, grownTruth, cv::Mat::ones(15, 15, CV_8U));
+  background(rect & cv::Rect(0, 0, w, h)).setTo(255);
+  background &= ~grownTruth;
+
+  check(GetParam() + "/add", edit(2, strokeThroughDeepest(photo.truth, 3), 3));
+  check(GetParam() + "/remove", edit(3, strokeThroughDeepest(background, 3), 3));
+  // Loops across the object's top and left edges.
+  std::vector<cv::Point> truthPixels;
+  cv::findNonZero(photo.truth, truthPixels);
+  ASSERT_FALSE(truthPixels.empty());
+  const cv::Point top = *std::min_element(truthPixels.begin(), truthPixels.end(),
+                                          [](cv::Point a, cv::Point b) { return a.y < b.y; });
+  const cv::Point left = *std::min_element(truthPixels.begin(), truthPixels.end(),
+                                           [](cv::Point a, cv::Point b) { return a.x < b.x; });
+  check(GetParam() + "/loop", edit(0, squareAround(top, 25, cv::Size(w, h)), 0));
+  check(GetParam() + "/cutloop", edit(1, squareAround(left, 25, cv::Size(w, h)), 0));
+}
+
+INSTANTIATE_TEST_SUITE_P(Photos, MaskRegression,
+                         ::testing::Values("banana1", "banana2", "book", "bush", "cross", "flower",
+                                           "fullmoon", "grave", "llama", "memorial", "sheep",
+                                           "stone2", "teddy"),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
+
+}  // namespace

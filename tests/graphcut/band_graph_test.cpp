@@ -1,0 +1,181 @@
+// The refinement band's graph against a plain max-flow over the band's whole
+// rectangle, as the band would be cut without leaving anything out: the
+// unknown pixels must fall on the same side. Checked for the band graph
+// with every band pixel linked, with the fixed pixels merged into their
+// terminals, and solved in parts on several threads.
+#include <gtest/gtest.h>
+
+#include <opencv2/imgproc.hpp>
+#include <opencv2/imgproc/imgproc_c.h>
+
+#include <memory>
+#include <random>
+
+#include "engine/ZIRKSEMarker.h"
+#include "graphcut/BandGraph.h"
+#include "graphcut/GridGraphTestUtil.h"
+
+namespace {
+
+using gridtest::GridGraph;
+using gridtest::Slot;
+
+// A one-component model around `level` in every channel.
+void singleColour(ZIRKSEColorModel* m, double level) {
+  for (int k = 0; k < 5; ++k) m->m_weight[k] = 0.0;
+  m->m_weight[0] = 1.0;
+  for (int c = 0; c < 3; ++c) m->m_mean[0][c] = level;
+  for (int i = 0; i < 9; ++i) m->m_covariance[0][i] = i % 4 == 0 ? 900.0 : 0.0;
+  m->setDeterminant();
+  m->setInverseCovariance();
+}
+
+std::vector<int32_t> indexMap(int small, int full) {
+  cv::Mat index(1, small, CV_32S), enlarged;
+  for (int i = 0; i < small; ++i) index.at<int32_t>(0, i) = i;
+  cv::resize(index, enlarged, cv::Size(full, 1), 0, 0, cv::INTER_NEAREST);
+  return std::vector<int32_t>(enlarged.ptr<int32_t>(0), enlarged.ptr<int32_t>(0) + full);
+}
+
+// A working-size trimap around a random blob: 7 far away, 1 outer ring,
+// 0 unknown ring, 2 inner ring, 7 deep inside.
+cv::Mat randomTrimap(std::mt19937& rng, int w, int h) {
+  cv::Mat blob = cv::Mat::zeros(h, w, CV_8U);
+  std::uniform_int_distribution<int> x(w / 4, 3 * w / 4), y(h / 4, 3 * h / 4), r(2, std::min(w, h) / 4);
+  for (int i = 0; i < 3; ++i) cv::circle(blob, cv::Point(x(rng), y(rng)), r(rng), cv::Scalar(1), cv::FILLED);
+  cv::Mat count = cv::Mat::zeros(h, w, CV_8U), m;
+  const cv::Mat k = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3));
+  cv::dilate(blob, m, k, cv::Point(-1, -1), 3), count += m;
+  cv::dilate(blob, m, k, cv::Point(-1, -1), 1), count += m;
+  cv::erode(blob, m, k, cv::Point(-1, -1), 1), count += m;
+  cv::erode(blob, m, k, cv::Point(-1, -1), 3), count += m;
+  const uint8_t remap[5] = {7, 1, 0, 2, 7};
+  for (uint8_t& v : cv::Mat_<uint8_t>(count)) v = remap[v];
+  return count;
+}
+
+struct Band {
+  cv::Mat trimap, colour;
+  std::vector<int32_t> xmap, ymap;
+  // 7 beyond the image, like the band graph's own ring there.
+  uint8_t label(int x, int y) const {
+    if (x < 0 || y < 0 || x >= colour.cols || y >= colour.rows) return 7;
+    return trimap.at<uint8_t>(ymap[y], xmap[x]);
+  }
+};
+
+Band randomBand(std::mt19937& rng, int w, int h, int fullW, int fullH) {
+  Band b;
+  b.trimap = randomTrimap(rng, w, h);
+  b.xmap = indexMap(w, fullW);
+  b.ymap = indexMap(h, fullH);
+  cv::Mat noise(fullH, fullW, CV_8UC3);
+  cv::randu(noise, 0, 256);
+  cv::GaussianBlur(noise, b.colour, cv::Size(5, 5), 0);
+  return b;
+}
+
+// The band's rectangle as a plain grid graph with the same capacities.
+GridGraph wholeRectangle(const Band& b, const TrimapLinks& links) {
+  GridGraph s(b.colour.cols, b.colour.rows);
+  for (int y = 0; y < s.h; ++y) {
+    for (int x = 0; x < s.w; ++x) {
+      const int p = y * s.w + x;
+      const uint8_t l = b.label(x, y);
+      links.terminal(l, b.colour.ptr<uint8_t>(y, x), 0, 0, &s.src[p], &s.snk[p]);
+      static const int kDx[4] = {-1, -1, 0, 1}, kDy[4] = {0, -1, -1, -1};
+      for (int k = 0; k < 4; ++k) {
+        const int q = gridtest::slotNeighbour(s.w, p, k);
+        if (q < 0 || l == 7 || b.label(x + kDx[k], y + kDy[k]) == 7) continue;
+        const uint8_t* pc = b.colour.ptr<uint8_t>(y, x);
+        const uint8_t* qc = b.colour.ptr<uint8_t>(y + kDy[k], x + kDx[k]);
+        const float cap = k == 0 ? links.horizontal() : k == 2 ? links.vertical(pc, qc) : links.diagonal(pc, qc);
+        s.e[4 * p + k] = Slot{cap, cap, false};
+      }
+    }
+  }
+  return s;
+}
+
+// The sides of the rectangle's pixels after the band's cut: unknown pixels
+// as cut, fixed ones on their own side, pixels without links with the source.
+std::vector<bool> sidesOf(const Band& b, const BandGraph& band, ZIRKSEGraph* g) {
+  std::vector<bool> sink(b.colour.total());
+  for (int y = 0; y < b.colour.rows; ++y)
+    for (int x = 0; x < b.colour.cols; ++x) sink[y * b.colour.cols + x] = b.label(x, y) == 1;
+  for (int y = 0; y < b.colour.rows; ++y) {
+    band.forEachNodeInRow(y, [&](int x, int yy, int32_t node) {
+      if (b.label(x, yy) == 0) sink[yy * b.colour.cols + x] = g->getTreeofNode(node) == 1;
+    });
+  }
+  return sink;
+}
+
+int differences(const std::vector<bool>& a, const std::vector<bool>& b) {
+  int differ = 0;
+  for (size_t i = 0; i < a.size(); ++i) differ += a[i] != b[i];
+  return differ;
+}
+
+class BandGraphTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ZIRKSEMarker::m_exitApp = false;
+    singleColour(&fg, 170.0);
+    singleColour(&bg, 90.0);
+    for (int i = 0; i < 256; ++i) table[i] = expf(-static_cast<float>(i * i * 0.002));
+  }
+  ZIRKSEColorModel fg, bg;
+  float table[256];
+};
+
+TEST_F(BandGraphTest, UnknownPixelsTakeTheSideOfTheWholeRectanglesMinimumCut) {
+  std::mt19937 rng(11);
+  for (int trial = 0; trial < 12; ++trial) {
+    const int w = 16 + trial, h = 12 + trial / 2;
+    const Band b = randomBand(rng, w, h, w * 3 + trial % 3, h * 3 - trial % 2);
+    const TrimapLinks links(&fg, &bg, table, trial % 2 ? 50.0 : 8.0, false);
+    const GridGraph rect = wholeRectangle(b, links);
+    const gridtest::OracleResult oracle = gridtest::solveWithOracle(rect);
+    for (bool merged : {false, true}) {
+      IplImage header = cvIplImage(b.trimap), colour = cvIplImage(b.colour);
+      BandGraph band(&header, b.xmap, b.ymap, merged);
+      int xmin, xmax, ymin, ymax;
+      ASSERT_TRUE(band.bounds(&xmin, &xmax, &ymin, &ymax));
+      std::unique_ptr<ZIRKSEGraph> g(band.build(&colour, nullptr, nullptr, links));
+      ASSERT_NE(g, nullptr);
+      band.solve(g.get(), 1 + trial % 3);
+      // The canonical cut, or, where float rounding decided a tie, a cut of
+      // the same capacity.
+      const std::vector<bool> sides = sidesOf(b, band, g.get());
+      const int differ = differences(sides, oracle.sinkSide);
+      EXPECT_LE(differ, static_cast<int>(b.colour.total() / 200)) << "trial " << trial;
+      if (differ > 0) {
+        EXPECT_NEAR(gridtest::cutCapacity(rect, sides), oracle.flow, 1e-5 * oracle.flow)
+            << "trial " << trial << (merged ? ", fixed pixels merged" : "") << ": " << differ
+            << " pixels on the other side and a larger cut";
+      }
+    }
+  }
+}
+
+TEST_F(BandGraphTest, LargeBandSolvedInPartsGivesTheSerialCut) {
+  std::mt19937 rng(5);
+  const Band b = randomBand(rng, 60, 50, 610, 497);
+  const TrimapLinks links(&fg, &bg, table, 50.0, false);
+  IplImage header = cvIplImage(b.trimap), colour = cvIplImage(b.colour);
+  BandGraph band(&header, b.xmap, b.ymap, true);
+  std::unique_ptr<ZIRKSEGraph> serial(band.build(&colour, nullptr, nullptr, links));
+  const float serialFlow = band.solve(serial.get(), 1);
+  const std::vector<bool> serialSides = sidesOf(b, band, serial.get());
+  for (int parts : {2, 4, 7}) {
+    std::unique_ptr<ZIRKSEGraph> g(band.build(&colour, nullptr, nullptr, links));
+    const float flow = band.solve(g.get(), parts);
+    EXPECT_NEAR(flow, serialFlow, 1e-4 * serialFlow) << parts << " parts";
+    // Float rounding may decide a tie the other way, nothing more.
+    EXPECT_LE(differences(sidesOf(b, band, g.get()), serialSides), band.nodeCount() / 2000)
+        << parts << " parts";
+  }
+}
+
+}  // namespace

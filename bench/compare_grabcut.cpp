@@ -15,14 +15,13 @@
 #include <sys/resource.h>
 
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "common/PhotoSet.h"
-#include "engine/SegmentationCore.h"
+#include "harness/CallerEdits.h"
 
 namespace {
 
@@ -42,45 +41,16 @@ Score score(const cv::Mat& object, const cv::Mat& truth, double ms) {
 
 // The engine from the rectangle; returns the object mask (255 = object).
 cv::Mat runEngine(const cv::Mat& bgr, int x1, int y1, int x2, int y2, double* ms) {
-  std::vector<unsigned int> argb = toArgb(bgr);
-  std::vector<unsigned char> mask(bgr.total(), 255);
-  const Clock::time_point t0 = Clock::now();
-  doSegmentationBB(bgr.cols, bgr.rows, argb.data(), x1, y1, x2, y2, mask.data());
-  *ms = msSince(t0);
-  deinitSegmentation();
-  cv::Mat inverted(bgr.rows, bgr.cols, CV_8U, mask.data());
-  return inverted == 0;
-}
-
-cv::Mat grabCutObject(const cv::Mat& bgr, const cv::Rect& rect) {
-  cv::Mat gc, bgdModel, fgdModel;
-  cv::grabCut(bgr, gc, rect, bgdModel, fgdModel, 5, cv::GC_INIT_WITH_RECT);
-  return (gc == cv::GC_FGD) | (gc == cv::GC_PR_FGD);
+  CallerSession session(bgr);
+  EditPlan plan;
+  plan.box = {x1, y1, x2, y2};
+  *ms = session.run(EditKind::kRectangle, plan);
+  return session.objectMask();
 }
 
 cv::Mat runGrabCutFull(const cv::Mat& bgr, int x1, int y1, int x2, int y2, double* ms) {
   const Clock::time_point t0 = Clock::now();
   cv::Mat object = grabCutObject(bgr, cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1)));
-  *ms = msSince(t0);
-  return object;
-}
-
-// Reduced the way the engine reduces its working image.
-cv::Mat runGrabCutSmall(const cv::Mat& bgr, int x1, int y1, int x2, int y2, double* ms) {
-  const Clock::time_point t0 = Clock::now();
-  const double s = std::sqrt(static_cast<double>(bgr.cols) * bgr.rows / 76800.0);
-  cv::Mat small = bgr;
-  double f = 1.0;
-  if (s > 1.0) {
-    f = s;
-    cv::resize(bgr, small, cv::Size(static_cast<int>(bgr.cols / f), static_cast<int>(bgr.rows / f)), 0, 0,
-               cv::INTER_LINEAR);
-  }
-  cv::Rect rect(cv::Point(static_cast<int>(x1 / f), static_cast<int>(y1 / f)),
-                cv::Point(static_cast<int>(x2 / f) + 1, static_cast<int>(y2 / f) + 1));
-  rect &= cv::Rect(0, 0, small.cols, small.rows);
-  cv::Mat object = grabCutObject(small, rect);
-  if (small.size() != bgr.size()) cv::resize(object, object, bgr.size(), 0, 0, cv::INTER_NEAREST);
   *ms = msSince(t0);
   return object;
 }
@@ -116,7 +86,7 @@ int main(int argc, char** argv) {
     s[0] = score(object, p.truth, ms);
     object = runGrabCutFull(p.image, p.x1, p.y1, p.x2, p.y2, &ms);
     s[1] = score(object, p.truth, ms);
-    object = runGrabCutSmall(p.image, p.x1, p.y1, p.x2, p.y2, &ms);
+    object = grabCutAtWorkingSize(p.image, {p.x1, p.y1, p.x2, p.y2}, &ms);
     s[2] = score(object, p.truth, ms);
     char size[32];
     std::snprintf(size, sizeof size, "%dx%d", p.image.cols, p.image.rows);

@@ -3,21 +3,27 @@
 // The solver, in three stages that repeat until no active node is left:
 //   growth       pop an active node and scan its eight arcs in the fixed
 //                neighbour order; free neighbours join its tree, a neighbour
-//                of the other tree closes an augmenting path;
+//                of the other tree closes an augmenting path, and a
+//                neighbour of the same tree that would be nearer its
+//                terminal through this node takes it as parent;
 //   augmentation push the bottleneck along the path; nodes whose parent arc
 //                (or terminal link) saturates become orphans;
-//   adoption     each orphan takes the neighbour with the shortest chain to
-//                its terminal (chains walked every time, no caching), or
+//   adoption     each orphan takes the neighbour nearest its terminal, or
 //                becomes free and frees its children.
+// Distances to the terminal are kept per node with the step at which they
+// were confirmed, so adoption walks a chain only as far as the first node
+// confirmed in the current step (block views of the parallel solver keep no
+// distances and walk whole chains). Before the trees grow, every one-link
+// path source -> p -> q -> sink is saturated. Whatever order the paths are
+// found in, the cut read from the trees is the minimum cut whose sink side
+// is exactly the nodes that still reach the sink.
 // Nothing is allocated here after construction; queues are intrusive links
 // in the node records. A block view (second constructor) runs the same
-// solver over its own queues on arrays it borrows from its parent.
+// solver over its own queues on arrays it borrows from its parent. A band
+// graph (graphcut/BandGraph.h) runs it over its stored rows.
 //
-// Memory: 32 bytes of node and 64 bytes of reserved arc floats per pixel
-// (half the arc floats are used). Speed (2026-11, x86-64 2.6 GHz, one of two
-// shared cores): 320x240 photo graphs take 2 to 700 ms a solve, median 72 ms;
-// augmentation (walking both chains twice) and the adoption chain walks take
-// over 80% of it. A 4032x400 band takes about 2.5 s.
+// Memory: 32 bytes of node, 8 of distance bookkeeping and 64 bytes of
+// reserved arc floats per node (half the arc floats are used).
 
 #include "graphcut/ZIRKSEGraph.h"
 

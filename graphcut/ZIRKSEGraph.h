@@ -10,15 +10,17 @@
 // A capacity of -2.0f marks an absent arc (real capacities are never negative).
 //
 // The solver grows a source tree and a sink tree breadth-first, augments along
-// each path found and re-adopts orphans by walking candidate parent chains to
-// the terminal. It polls ZIRKSEMarker::m_exitApp and the budget of
+// each path found and re-adopts orphans to the neighbour nearest the
+// terminal (distances kept per node). It polls ZIRKSEMarker::m_exitApp and the budget of
 // g_cancelTimer; when the budget is spent it raises m_exitApp itself, so the
 // whole segmentation stops. No allocation happens after construction.
 //
 // Source side = object. getTreeofNode() returns 1 for the sink (background).
 //
-// Memory: a 32-byte node record (64-bit targets) and 64 bytes of arc floats
-// per pixel (the arc array is reserved at twice the 8 floats a node uses).
+// Memory: a 32-byte node record (64-bit targets), 8 bytes of distance
+// bookkeeping and 64 bytes of arc floats per pixel (the arc array is
+// reserved at twice the 8 floats a node uses; the unused half is never
+// touched).
 //
 // Call order: construct (or reset), addNode(w*h), addtWeights per node, four
 // addEdge calls per node in node order, maxFlow, getTreeofNode per node.

@@ -6,11 +6,13 @@
 // pixel gives 0 far outside, 1 in the outer ring, 2 on either side of the
 // boundary, 3 in the inner ring and 4 deep inside. Remapped to the label
 // values of the graph (7 = no node, 1 = fixed background, 0 = unknown,
-// 2 = fixed object), it is enlarged (nearest) and the bounding rectangle of
-// the band becomes a second flow graph. Pixels of the unknown ring take the
-// side of the cut; everything else keeps the enlarged working labels.
-// Memory: the band's graph (about 40 bytes per band-rectangle pixel) plus a
-// few full-size byte images.
+// 2 = fixed object), it is read through the nearest-neighbour maps of the
+// enlargement, and the band becomes a second flow graph at full resolution
+// that holds only the unknown ring (the fixed rings merged into their
+// terminals, graphcut/BandGraph.h). Pixels of the unknown ring take the side
+// of the cut; everything else keeps the enlarged working labels.
+// Memory: the band's graph (about 80 bytes per unknown pixel) and the result;
+// no other full-size image.
 #include <opencv2/imgproc.hpp>
 #include <opencv2/imgproc/imgproc_c.h>
 

@@ -103,6 +103,29 @@ void teardownEngine() {
   }
 }
 
+// The history as a request found it, so that the mask of a request cancelled
+// after it entered the history can be taken out again. A new mask overwrites
+// only the slot at m_current, which matters only when it holds a redo step;
+// that slot is copied first.
+struct HistoryMark {
+  int32_t current, top, bottom;
+  ImagePtr redoSlot;
+
+  static HistoryMark take() {
+    HistoryMark mark{ZIRKSEManageUndoRedo::m_current, ZIRKSEManageUndoRedo::m_top,
+                     ZIRKSEManageUndoRedo::m_bottom, nullptr};
+    if (ZIRKSEManageUndoRedo::canRedo())
+      mark.redoSlot.reset(ZIRKSEManageUndoRedo::getMask(mark.current));
+    return mark;
+  }
+  void restore() const {
+    if (redoSlot != nullptr) ZIRKSEManageUndoRedo::setMask(current, redoSlot.get());
+    ZIRKSEManageUndoRedo::m_current = current;
+    ZIRKSEManageUndoRedo::m_top = top;
+    ZIRKSEManageUndoRedo::m_bottom = bottom;
+  }
+};
+
 // Same as resetSegmentationInterface.
 void resetEditSequence() {
   ZIRKSEMarker::resetMarkers();
@@ -259,7 +282,21 @@ bool historyRequestValid(const char* function, unsigned int* argb, unsigned char
 
 // ------------------------------------------------------- bodies of the calls
 
+// Drops the current source with everything built on it: the engine, the
+// history, the request images and the contours of the last preview.
+void dropSource() {
+  freeRequestImages();
+  teardownEngine();
+}
+
 void setSourceBody(int width, int height, unsigned int* argb) {
+  // A new image was asked for: the old one goes whether or not the new one
+  // can be taken, so that no later call shows or cuts the old image.
+  if (pHybrid != nullptr) {
+    // The segmenter's working image and weights belong to the old source.
+    logCallError("setSourceImage", "an engine exists; it is torn down first");
+  }
+  dropSource();
   if (width < 1 || height < 1) {
     // No image can be made of this size: nothing is created or copied.
     ZIRK_LogMemoryCrash("setSourceImage", 115);
@@ -273,18 +310,6 @@ void setSourceBody(int width, int height, unsigned int* argb) {
     logCallError("setSourceImage", "image too large");
     return;
   }
-  if (pHybrid != nullptr) {
-    // The segmenter's working image and weights belong to the old source.
-    logCallError("setSourceImage", "an engine exists; it is torn down first");
-    freeRequestImages();
-    teardownEngine();
-  }
-  // A source set earlier without a teardown is released, not leaked, and so
-  // are the contours of its last preview.
-  ZIRK_ReleaseImage(&ZIRKSEMarker::m_originalImage);
-  ZIRKSEManageUndoRedo::deallocate();
-  ZIRK_ReleaseContourStorage();
-  ZIRKSEMarker::m_originalWidth = ZIRKSEMarker::m_originalHeight = 0;
 
   ImagePtr image(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3));
   uint8_t* data = reinterpret_cast<uint8_t*>(image->imageData);
@@ -309,6 +334,9 @@ void setSourceBody(int width, int height, unsigned int* argb) {
 }
 
 int setMarkerBody(int width, int height, int* markers, int kind) {
+  // An earlier marker image no request has used goes first, also when this
+  // one is refused: a later request must not run on the old marks.
+  ZIRK_ReleaseImage(&g_markerImage);
   if (width < 1 || height < 1) {
     ZIRK_LogMemoryCrash("setMarkerImage", 164);
     ZIRK_LogMemoryCrash("setMarkerImage", 173);
@@ -330,7 +358,6 @@ int setMarkerBody(int width, int height, int* markers, int kind) {
                         ZIRKSEMarker::m_originalImage->height);
     return 0;
   }
-  ZIRK_ReleaseImage(&g_markerImage);  // an unused earlier marker image
   ImagePtr converted(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1));
   // The caller's ints are only read, through a header over their array.
   HeaderPtr wrapper(cvCreateImageHeader(cvSize(width, height), IPL_DEPTH_32S, 1));
@@ -416,6 +443,7 @@ int segmentRequest(unsigned int* argb, unsigned char* mask) {
 
   const bool segmented = g_markerImage != nullptr;
   if (segmented) {
+    const HistoryMark before = HistoryMark::take();
     pHybrid->setLabelImage(g_markerImage);
     ZIRK_ReleaseImage(&g_resultMask);  // left by an unfinished request
     g_resultMask = pHybrid->segment();
@@ -423,7 +451,22 @@ int segmentRequest(unsigned int* argb, unsigned char* mask) {
       logCallError("processSegment", "segmenter returned a mask of the wrong size");
       ZIRK_ReleaseImage(&g_resultMask);
     }
-    if (g_resultMask != nullptr) writeMask(mask);
+    if (g_resultMask != nullptr) {
+      // The outline is painted before the mask is handed over, so that a
+      // cancel made meanwhile still ends the request with no mask; the new
+      // mask then leaves the history again, and so do its contours.
+      paintOutline(argb);
+      if (ZIRKSEMarker::m_exitApp) {
+        __android_log_print(ANDROID_LOG_ERROR, "Error", "Segmentation canceled due to timeout");
+        before.restore();
+        ZIRK_ReleaseImage(&g_resultMask);
+        ZIRK_ReleaseContourStorage();
+      } else {
+        writeMask(mask);
+        freeRequestImages();
+        return deferredTeardown() ? -1 : 0;
+      }
+    }
   }
   if (g_resultMask != nullptr) {
     paintOutline(argb);
@@ -433,12 +476,9 @@ int segmentRequest(unsigned int* argb, unsigned char* mask) {
     if (argb != nullptr) writeSourceAsArgb(argb);
     ZIRK_ReleaseImage(&g_markerImage);
   }
-  if (deferredTeardown()) return -1;
-  // A cancel (or the time-out, which raises the same flag) concerned the
-  // segmentation that has now ended; left raised, it would stop every later
-  // edit after its first iteration.
-  if (segmented) ZIRKSEMarker::m_exitApp = false;
-  return 0;
+  // The cancel stays raised: only a reset or a new engine lowers it, so an
+  // exitSegmentation made after this request still finds it.
+  return deferredTeardown() ? -1 : 0;
 }
 
 void cutOutBody(unsigned int* argb, unsigned char* mask) {
@@ -547,8 +587,7 @@ void doSegmentationBBBody(int width, int height, unsigned int* argb, int x1, int
   for (int x = x2; x > x1; --x) p[n++] = x, p[n++] = y2;
   for (int y = y2; y > y1; --y) p[n++] = x1, p[n++] = y;
 
-  freeRequestImages();
-  teardownEngine();
+  dropSource();
   resetEditSequence();
   setSourceBody(width, height, argb);
   if (!haveSource()) return;  // logged
@@ -629,8 +668,7 @@ int deinitSegmentation() {
   runGuarded("deinitSegmentation", [] {
     // The marker image and mask of an unfinished request go too, and so does
     // a teardown request that no request has honoured: it meant this engine.
-    freeRequestImages();
-    teardownEngine();
+    dropSource();
     storeExitStatus(0);
   });
   return 0;
@@ -682,11 +720,8 @@ int setCurrentMarkerVector(int count, int* points) {
 
 int processSegment(int, int, int, unsigned int* argb, unsigned char* mask) {
   int result = 0;
-  if (!runGuarded("processSegment", [&] { result = processSegmentBody(argb, mask); })) {
-    // A failed segmentation was still a segmentation: its cancel is spent.
-    if (pHybrid != nullptr) ZIRKSEMarker::m_exitApp = false;
+  if (!runGuarded("processSegment", [&] { result = processSegmentBody(argb, mask); }))
     result = pHybrid != nullptr ? 0 : -1;
-  }
   return result;
 }
 

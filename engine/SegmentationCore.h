@@ -26,21 +26,35 @@
 // --- lifecycle and source image ---
 
 // Creates the segmenter for the current source image (argument ignored).
+// Lowers a raised cancel.
 SEGCORE_EXPORT int initSegmentationEngine(int);
 // Releases everything: images, history, segmenter. Safe to repeat.
 SEGCORE_EXPORT int deinitSegmentation();
 // Starts a new edit sequence on the same image: marks, label image and
-// history positions are cleared; the source and the segmenter stay.
+// history positions are cleared and a raised cancel is lowered; the source
+// and the segmenter stay.
 SEGCORE_EXPORT int resetSegmentationInterface();
-// Asks a running request to stop after its current iteration (any thread).
-// Made between requests, it stops the next segmentation. Once a segmentation
-// has ended (cancelled, timed out or finished) the cancel is spent, so the
-// edit after it runs normally.
+// Raises the cancel (any thread). A running processSegment checks it between
+// its stages and inside its graph cuts, up to the moment the finished mask is
+// written into the caller's buffer, and then ends with no mask: the plain
+// source is shown, the mask buffer and the history stay as they were.
+// The cancel stays raised until resetSegmentationInterface or the engine's
+// re-creation (initSegmentationEngine, doSegmentationBB): every processSegment
+// in between ends the same way. doSegmentationBB re-creates the engine before
+// it segments, so a cancel made during its own set-up is lowered again and
+// that request runs. A request that spends its 10 s budget ends like a
+// cancelled one; when the graph cut finds the budget spent it raises the
+// cancel itself. cutOutImage, undo and redo do not look at the cancel.
 SEGCORE_EXPORT void cancelSegmentation();
-// After cancelSegmentation: tear the engine down at the end of the request.
+// With the cancel raised: asks for the engine to be torn down at the end of
+// the request in flight, or of the next processSegment, cutOutImage, undo or
+// redo (which then returns -1 / leaves no engine). Without a raised cancel it
+// does nothing.
 SEGCORE_EXPORT void exitSegmentation();
 // Takes width*height ARGB words as the source image and sizes the history.
-// A source or engine left from an earlier image is released first.
+// A source or engine left from an earlier image is released first, also when
+// the new image is refused (size below 1, null buffer, too large), so that
+// no later call works on the old image.
 SEGCORE_EXPORT int setSourceImage(int width, int height, unsigned int* argb);
 // Writes the source image back as opaque ARGB (width*height words).
 SEGCORE_EXPORT void copySourceImage(unsigned int* argb);
@@ -51,7 +65,8 @@ SEGCORE_EXPORT void freeLocalBuffers();
 
 // One label per pixel (0 unknown, 1 background, 2 object, 3/4 estimated),
 // saturated to 0..255, and the kind of edit: 0 loop that adds, 1 loop that
-// removes, 2 brush that adds, 3 brush that removes.
+// removes, 2 brush that adds, 3 brush that removes. An earlier marker image
+// no request has used is released first, also when this one is refused.
 SEGCORE_EXPORT int setMarkerImage(int width, int height, int* markers, int kind);
 // The drawn path as count ints (x0, y0, x1, y1, ...). Points are clamped into
 // the source image and the clamped values written back into `points` (one log
@@ -62,8 +77,9 @@ SEGCORE_EXPORT int setCurrentMarkerVector(int count, int* points);
 
 // Runs one edit; writes the mask and the preview. Returns 0, or -1 when no
 // engine exists afterwards (a requested teardown destroyed it at the end of
-// this request, or none had been created). A cancelled request shows the
-// plain source and leaves the mask untouched.
+// this request, or none had been created). A cancelled or timed-out request
+// (see cancelSegmentation) shows the plain source and leaves the mask and
+// the history untouched.
 SEGCORE_EXPORT int processSegment(int, int, int, unsigned int* argb, unsigned char* mask);
 // Takes the marks themselves as the new mask (2 = object, 1 = background,
 // other pixels as in the newest mask, or background without one). argb and

@@ -1,5 +1,7 @@
 #include "engine/ZIRKSEMarker.h"
 
+#include <opencv2/imgproc.hpp>
+
 #include "support/ZIRKTimer.h"
 
 IplImage* ZIRKSEMarker::m_srcImage = nullptr;
@@ -51,3 +53,31 @@ void ZIRKSEMarker::dellocator() {
 }
 
 bool ZIRK_shouldStopSegmentation() { return ZIRK_budgetSpent(g_cancelTimer) || ZIRKSEMarker::m_exitApp; }
+
+void ZIRK_clearDrawnPath(IplImage* labels, const std::vector<int32_t>& points, float factor) {
+  if (points.size() < 3 || labels == nullptr) return;
+  const size_t count = points.size() / 2;  // whole points only
+  auto at = [&](size_t i) {
+    return cv::Point(static_cast<int>(static_cast<float>(points[2 * i]) / factor),
+                     static_cast<int>(static_cast<float>(points[2 * i + 1]) / factor));
+  };
+  cv::Mat view = cv::cvarrToMat(labels);  // one header for every line
+  // A line between two points that land on the same pixel adds nothing: its
+  // round ends are the ends of the lines next to it. Dense paths (many source
+  // points per working pixel) are mostly such lines, so they are skipped; a
+  // path that collapses into one pixel still gets that pixel's dot.
+  bool drawn = false;
+  auto line = [&](cv::Point a, cv::Point b) {
+    if (a == b) return;
+    cv::line(view, a, b, cv::Scalar(0), 3, cv::LINE_8, 0);
+    drawn = true;
+  };
+  cv::Point previous = at(0);
+  for (size_t i = 1; i < count; ++i) {
+    const cv::Point next = at(i);
+    line(previous, next);
+    previous = next;
+  }
+  if (count >= 2) line(previous, at(0));
+  if (!drawn && count >= 2) cv::line(view, at(0), at(0), cv::Scalar(0), 3, cv::LINE_8, 0);
+}

@@ -103,6 +103,12 @@ class ZIRKReleaseOnExit {
   IplImage** m_image;
 };
 
+// Sets the drawn path to unknown (label 0) in `labels`: lines 3 pixels thick,
+// 8-connected, from each point to the next and from the last back to the
+// first, with every coordinate divided by `factor` and truncated. Nothing is
+// drawn for fewer than 3 ints; an odd last int is ignored.
+void ZIRK_clearDrawnPath(IplImage* labels, const std::vector<int32_t>& points, float factor);
+
 // True once the running segmentation should stop: the budget on
 // g_cancelTimer is spent or a cancel was asked for.
 SEGCORE_EXPORT bool ZIRK_shouldStopSegmentation();

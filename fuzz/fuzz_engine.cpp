@@ -40,9 +40,21 @@
 
 namespace {
 
-constexpr int kMaxSide = 32;       // small images: most sequences
-constexpr int kLargeMin = 270;     // large ones: the working image is reduced
-constexpr int kLargeMax = 300;     // (more than 76800 pixels from 278 x 278 on)
+#ifdef SEGCORE_WORKING_PIXELS
+constexpr int kWorkingPixels = SEGCORE_WORKING_PIXELS;  // this build's working-pixel budget
+#else
+constexpr int kWorkingPixels = 76800;
+#endif
+constexpr int sideOfSquare(int pixels) {
+  int side = 1;
+  while (side * side < pixels) ++side;
+  return side;
+}
+constexpr int kMaxSide = 32;  // small images: most sequences
+// Large ones: the working image is reduced (from somewhat below the square
+// of the budget's size on, depending on the other side).
+constexpr int kLargeMin = sideOfSquare(kWorkingPixels) - 8;
+constexpr int kLargeMax = kLargeMin + 30;
 constexpr int kMaxOps = 40;
 constexpr unsigned int kOutline = 0xFFFFFF00u;
 constexpr unsigned char kMaskFill = 0x77;
@@ -50,6 +62,10 @@ constexpr unsigned char kMaskFill = 0x77;
 void check(bool ok) {
   if (!ok) __builtin_trap();
 }
+
+// The per-pixel loops of the harness: their comparisons say nothing about
+// the input and would cost a trace call per pixel.
+#define NO_TRACE __attribute__((no_sanitize("coverage"), noinline))
 
 // Forward reader of the fuzz input.
 class Input {
@@ -112,7 +128,7 @@ void readSize(Input& in, bool large, int& w, int& h) {
 }
 
 // Two colours in a disc or a half-plane, with a little noise.
-std::vector<unsigned int> readImage(Input& in, int w, int h) {
+NO_TRACE std::vector<unsigned int> readImage(Input& in, int w, int h) {
   const unsigned int a = in.word(), b = in.word();
   const uint8_t shape = in.byte();
   std::mt19937 noise(in.byte());
@@ -141,7 +157,7 @@ struct CallerBuffers {
   std::vector<unsigned int> source; // opaque source pixels at the call
   size_t n;
 
-  explicit CallerBuffers(Input& in) : n(sourcePixels()) {
+  NO_TRACE explicit CallerBuffers(Input& in) : n(sourcePixels()) {
     const size_t words = n > 0 ? n : 1;
     argb.reset(new unsigned int[words]);
     mask.reset(new unsigned char[words]);
@@ -154,12 +170,17 @@ struct CallerBuffers {
     if (n > 0) copySourceImage(source.data());
   }
 
+  // argb holds exactly the opaque source.
+  NO_TRACE void verifySource() const {
+    for (size_t i = 0; i < n; ++i) check(argb[i] == source[i]);
+  }
+
   unsigned int* argbOrNull(bool null) { return null ? nullptr : argb.get(); }
   unsigned char* maskOrNull(bool null) { return null ? nullptr : mask.get(); }
 
   // The mask untouched, or a whole mask of 0 and 255; the preview made of
   // the caller's pixels, source pixels and outline pixels.
-  void verify() const {
+  NO_TRACE void verify() const {
     const size_t words = n > 0 ? n : 1;
     bool untouched = true, binary = true;
     for (size_t i = 0; i < words; ++i) {
@@ -247,9 +268,7 @@ void opRequest(Input& in, int which) {
       loadBlendedImageInfo(argb);
       break;
   }
-  if (which == 4 && argb != nullptr && b.n > 0) {
-    for (size_t i = 0; i < b.n; ++i) check(argb[i] == b.source[i]);
-  }
+  if (which == 4 && argb != nullptr) b.verifySource();
   b.verify();
 }
 
@@ -295,6 +314,32 @@ IplImage* sourceCopy() {
   return copy;
 }
 
+// Every reached pixel leads to the seed through reached pixels, without a
+// cycle (linear: each pixel is walked once).
+NO_TRACE void checkParentTree(const std::vector<int>& parents, int seed, int n) {
+  std::vector<uint8_t> state(static_cast<size_t>(n), 0);  // 1 on this walk, 2 done
+  std::vector<int> walk;
+  state[static_cast<size_t>(seed)] = 2;
+  for (int p = 0; p < n; ++p) {
+    if (state[static_cast<size_t>(p)] != 0) continue;
+    if (parents[static_cast<size_t>(p)] == -1) {
+      state[static_cast<size_t>(p)] = 2;  // not reached
+      continue;
+    }
+    walk.clear();
+    int at = p;
+    while (state[static_cast<size_t>(at)] == 0) {
+      const int parent = parents[static_cast<size_t>(at)];
+      check(parent >= 0 && parent < n);
+      state[static_cast<size_t>(at)] = 1;
+      walk.push_back(at);
+      at = parent;
+    }
+    check(state[static_cast<size_t>(at)] == 2 && parents[static_cast<size_t>(at)] != -1);
+    for (int v : walk) state[static_cast<size_t>(v)] = 2;
+  }
+}
+
 void opLiveWire(Input& in) {
   IplImage* image = sourceCopy();
   const int w = image->width, h = image->height;
@@ -327,29 +372,7 @@ void opLiveWire(Input& in) {
       const int n = w * h, seed = seedRow * w + seedCol;
       check(parents.size() == static_cast<size_t>(n));
       check(parents[static_cast<size_t>(seed)] == seed);
-      // Every reached pixel leads to the seed through reached pixels, without
-      // a cycle (linear: each pixel is walked once).
-      std::vector<uint8_t> state(static_cast<size_t>(n), 0);  // 1 on this walk, 2 done
-      std::vector<int> walk;
-      state[static_cast<size_t>(seed)] = 2;
-      for (int p = 0; p < n; ++p) {
-        if (state[static_cast<size_t>(p)] != 0) continue;
-        if (parents[static_cast<size_t>(p)] == -1) {
-          state[static_cast<size_t>(p)] = 2;  // not reached
-          continue;
-        }
-        walk.clear();
-        int at = p;
-        while (state[static_cast<size_t>(at)] == 0) {
-          const int parent = parents[static_cast<size_t>(at)];
-          check(parent >= 0 && parent < n);
-          state[static_cast<size_t>(at)] = 1;
-          walk.push_back(at);
-          at = parent;
-        }
-        check(state[static_cast<size_t>(at)] == 2 && parents[static_cast<size_t>(at)] != -1);
-        for (int v : walk) state[static_cast<size_t>(v)] = 2;
-      }
+      checkParentTree(parents, seed, n);
     }
   }
 

@@ -4,6 +4,16 @@
 #
 #   bash scripts/run_fuzz.sh [seconds]     (default 60)
 #
+# CI runs it for a minute. A long run (a million call sequences or more
+# takes about an hour on one free core) is the same command with more
+# seconds, best under nice: nice bash scripts/run_fuzz.sh 5400
+#
+# The fuzz build differs from the library in two ways that only make it
+# faster: the segmenter's working image holds SEGCORE_FUZZ_WORKING_PIXELS
+# pixels (default 2400, the library's 76800), so reduced-image inputs stay
+# small, and the engine's per-pixel loops are built without comparison
+# tracing (see CMakeLists.txt).
+#
 # Fails on any crash, leak, sanitizer report or input that runs longer than
 # 10 s. Findings are left in build-fuzz/findings/ (crash-*, leak-*,
 # timeout-*); reproduce one with build-fuzz/fuzz/fuzz_engine <file>. The

@@ -77,7 +77,11 @@ class SEGCORE_EXPORT ZIRKSEHybrid {
   int updateLabelImage();
   IplImage* getObjMask();
   void clearMemory();
+  // True when the request was cancelled or its budget is spent; polled
+  // between the stages of a request.
   bool cancelSegmentation();
+  // Logs the cancel, releases the request's work and returns null.
+  IplImage* endCancelled();
 
   int32_t m_width;              // working image size; also the row stride of m_nlinks
   int32_t m_height;

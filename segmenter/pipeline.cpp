@@ -11,8 +11,9 @@
 //   3. getObjMask() writes the box back, refines the mask at source
 //      resolution when the working image was reduced, cleans it up by edit
 //      kind and records it in the history.
-// Cancel and time-out end the loop after the current iteration with no
-// result and an unchanged history. Per-request images and the graph exist
+// Cancel and time-out are checked after the box set-up, after every
+// iteration, between the stages of the refinement and of the clean-up; they
+// end the request with no result and an unchanged history. Per-request images and the graph exist
 // only inside segment().
 //
 // Stage times of the last segment (ms) go to the g_t_* slots: preProcess,
@@ -42,7 +43,12 @@ constexpr int kIterations = 5;
 constexpr double kStartLamda = 50.0;
 constexpr double kNoiseLevel = 0.1;
 constexpr double kHomogenousNoiseLevel = 10.0;
+#ifdef SEGCORE_WORKING_PIXELS
+// A build option of the fuzz build only (a smaller working image).
+constexpr double kWorkingPixelsInverse = 1.0 / SEGCORE_WORKING_PIXELS;
+#else
 constexpr double kWorkingPixelsInverse = 1.3020834e-05;  // 1 / 76800
+#endif
 constexpr double kBrushRingFraction = 0.05;              // brush ring: 5 % of the diagonal scale
 
 inline uint8_t* pixelRow(IplImage* img, int y) {
@@ -227,18 +233,8 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
 }
 
 void ZIRKSEHybrid::addUnknownRegion() {
-  const std::vector<int32_t>& p = ZIRKSEMarker::currentStroke.points;
-  IplImage* labels = ZIRKSEMarker::m_labelImage;
-  if (p.size() < 3 || labels == nullptr) return;
-  // Whole points only: an odd trailing int has no partner.
-  const size_t count = p.size() / 2;
-  const float f = g_imageResizeFactor;
-  auto at = [&](size_t i) {
-    return cvPoint(static_cast<int>(static_cast<float>(p[2 * i]) / f),
-                   static_cast<int>(static_cast<float>(p[2 * i + 1]) / f));
-  };
-  for (size_t i = 0; i + 1 < count; ++i) cvLine(labels, at(i), at(i + 1), cvScalar(0), 3, 8, 0);
-  if (count >= 2) cvLine(labels, at(count - 1), at(0), cvScalar(0), 3, 8, 0);
+  ZIRK_clearDrawnPath(ZIRKSEMarker::m_labelImage, ZIRKSEMarker::currentStroke.points,
+                      g_imageResizeFactor);
 }
 
 IplImage* ZIRKSEHybrid::segment() {
@@ -265,6 +261,7 @@ IplImage* ZIRKSEHybrid::segment() {
     clearMemory();
     return nullptr;
   }
+  if (cancelSegmentation()) return endCancelled();
 
   // 3-4. The box's graph and crops.
   graphSpaceDellocator();
@@ -344,19 +341,24 @@ IplImage* ZIRKSEHybrid::segment() {
     }
 
     // 5.7 Cancelled or out of time: no result, history untouched.
-    if (cancelSegmentation()) {
-      __android_log_print(ANDROID_LOG_ERROR, "Error", "Segmentation canceled due to timeout");
-      clearMemory();
-      return nullptr;
-    }
+    if (cancelSegmentation()) return endCancelled();
   }
 
-  // 6. Final check for homogenous images, then the mask.
+  // 6. Final check for homogenous images, then the mask. The refinement and
+  // the clean-up check the cancel and the budget too; a mask that comes back
+  // is in the history.
   if (ZIRKSEMarker::m_isHomogenous) chooseIter();
   graphSpaceDellocator();
   IplImage* mask = getObjMask();
+  if (mask == nullptr && cancelSegmentation()) return endCancelled();
   clearMemory();
   return mask;
+}
+
+IplImage* ZIRKSEHybrid::endCancelled() {
+  __android_log_print(ANDROID_LOG_ERROR, "Error", "Segmentation canceled due to timeout");
+  clearMemory();
+  return nullptr;
 }
 
 int ZIRKSEHybrid::updateLabelImage() {
@@ -415,7 +417,8 @@ IplImage* ZIRKSEHybrid::getObjMask() {
     }
   }
 
-  // 4. Back to source resolution through the band refinement.
+  // 4. Back to source resolution through the band refinement (null when
+  // the request was cancelled or ran out of time on the way).
   if (reduced) {
     IplImage* full = intelligentUpscaling(mask);
     cvReleaseImage(&mask);
@@ -423,11 +426,15 @@ IplImage* ZIRKSEHybrid::getObjMask() {
     mask = full;
   }
 
-  // 5. Clean-up by edit kind, then into the history.
+  // 5. Clean-up by edit kind, then into the history, unless the request was
+  // cancelled or ran out of time meanwhile: a stopped request leaves the
+  // history as it was.
+  if (cancelSegmentation()) return nullptr;
   {
     StageTimer t(&g_t_postProcess);
     postProcess(mask);
   }
+  if (cancelSegmentation()) return nullptr;
   ZIRKSEManageUndoRedo::updateBitPlane(mask);
   return releaseMask.keep();
 }

@@ -119,9 +119,10 @@ void ZIRKSEHybrid::postProcess(IplImage* mask) {
   else if (isBrushEdit(kind))
     postProcessForStroke(mask);
 
-  // 2. Merge with the previous result inside the box, scaled to the mask.
+  // 2. Merge with the previous result inside the box, scaled to the mask;
+  // skipped when the request was stopped meanwhile (its mask is dropped).
   IplImage* prev = ZIRKSEMarker::m_prevResult;
-  if (prev == nullptr) return;
+  if (prev == nullptr || cancelSegmentation()) return;
   if (!isByteMask(prev) || !sameSize(prev, mask)) {
     __android_log_print(ANDROID_LOG_ERROR, "Error",
                         "postProcess: previous result %d x %d does not match the mask %d x %d",
@@ -165,6 +166,7 @@ void ZIRKSEHybrid::postProcessForLoop(IplImage* mask) {
         static_cast<int64_t>(static_cast<double>(objects.largest()) * kIslandFraction);
     objects.paint(m, kBackground, [threshold](int64_t area) { return area > 0 && area < threshold; });
   }
+  if (cancelSegmentation()) return;  // the mask is dropped anyway
 
   // 3. Background holes of at most 4 pixels in the cleaned mask are filled.
   Regions holes(m, kBackground);
@@ -203,6 +205,8 @@ void ZIRKSEHybrid::postProcessForStroke(IplImage* mask) {
       if (m[x] == newValue && p[x] == oldValue) c[x] = kFlipped;
     }
   }
+
+  if (cancelSegmentation()) return;  // the mask is dropped anyway
 
   // 4. Flipped regions touched by the path (source pixels) are kept.
   const std::vector<int32_t>& pts = ZIRKSEMarker::currentStroke.points;

@@ -195,6 +195,10 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   BandGraph band(trimap, xmap, ymap, links.fixedPixelsAreSettled());
   int xmin = 2147483647, xmax = -1, ymin = 2147483647, ymax = -1;
   const bool hasBand = band.bounds(&xmin, &xmax, &ymin, &ymax);
+  // Between the stages from here on: a cancelled request, or one out of
+  // time, ends with no mask (the graph and the work images are released on
+  // the way out).
+  if (cancelSegmentation()) return nullptr;
 
   // 6. No band (empty or full mask): plain enlargement.
   if (!hasBand) {
@@ -231,6 +235,7 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
     m_trimapGraph = band.build(original, texA, texB, links);
     if (m_trimapGraph == nullptr) status = 1;
   }
+  if (cancelSegmentation()) return nullptr;
 
   IplImage* result = nullptr;
   if (status != 0) {
@@ -241,6 +246,8 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   } else {
     // 11. Cut the band.
     band.solve(m_trimapGraph);
+    // A max-flow stopped part-way leaves nodes unsolved: its cut is not used.
+    if (cancelSegmentation()) return nullptr;
     // 12. Object = labels 2 and 4: the enlarged working labels, where the
     // unknown ring of the band takes the side of the cut.
     checkSize(full, 2085);

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <mutex>
 
 namespace {
 
@@ -30,16 +31,46 @@ void logInvalidFree(const void* p, const char* function, int line) {
                       function, line);
 }
 
-void track(void* p, unsigned long bytes, const char* function, int line) {
-  gMemStack.push(keyOf(p), new ZIRK_Mem_Info{line, function, static_cast<int32_t>(bytes)});
+// The live blocks of the message family, recorded like the tracked ones so
+// that the leak report sees the engine's own buffers. A stack of its own:
+// the tracked family's free and delete functions must not take these blocks
+// for theirs.
+ZIRK_Stack<ZIRK_Mem_Info*> g_msgMemStack;
+
+// The message family is used from the parallel graph cut's worker threads,
+// so both stacks are changed under one lock.
+std::mutex g_stackLock;
+
+void track(ZIRK_Stack<ZIRK_Mem_Info*>& stack, void* p, unsigned long bytes, const char* function,
+           int line) {
+  ZIRK_Mem_Info* info = new ZIRK_Mem_Info{line, function, static_cast<int32_t>(bytes)};
+  std::lock_guard<std::mutex> lock(g_stackLock);
+  stack.push(keyOf(p), info);
 }
 
 // Forgets the newest record of p; true when there was one.
-bool untrack(const void* p) {
+bool untrack(ZIRK_Stack<ZIRK_Mem_Info*>& stack, const void* p) {
   ZIRK_Mem_Info* info = nullptr;
-  if (!gMemStack.unlink(keyOf(p), &info)) return false;
+  {
+    std::lock_guard<std::mutex> lock(g_stackLock);
+    if (!stack.unlink(keyOf(p), &info)) return false;
+  }
   delete info;
   return true;
+}
+
+// Logs and forgets every record of one stack; false when it was empty.
+bool reportLeaks(ZIRK_Stack<ZIRK_Mem_Info*>& stack) {
+  bool any = false;
+  ZIRK_Mem_Info* info = nullptr;
+  while (stack.pop(&info)) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag,
+                        "Failed to deallocate %d bytes allocated in function : %s, Line : %d",
+                        info->size, info->function, info->line);
+    delete info;
+    any = true;
+  }
+  return any;
 }
 
 }  // namespace
@@ -48,13 +79,21 @@ ZIRK_Stack<ZIRK_Mem_Info*> gMemStack;
 
 void* ZIRK_Malloc_Msg(unsigned long size, const char* function, int line) {
   void* p = malloc(size);
-  if (p == nullptr) logAllocFailureZu(size, function, line);
+  if (p == nullptr) {
+    logAllocFailureZu(size, function, line);
+    return nullptr;
+  }
+  track(g_msgMemStack, p, size, function, line);
   return p;
 }
 
 void* ZIRK_Calloc_Msg(unsigned long count, unsigned long size, const char* function, int line) {
   void* p = calloc(count, size);
-  if (p == nullptr) logAllocFailureLu(count * size, function, line);
+  if (p == nullptr) {
+    logAllocFailureLu(count * size, function, line);
+    return nullptr;
+  }
+  track(g_msgMemStack, p, count * size, function, line);
   return p;
 }
 
@@ -63,6 +102,9 @@ void ZIRK_Free_Msg(void* pointer, const char* function, int line) {
     logInvalidFree(pointer, function, line);
     return;
   }
+  // A block without a record (one the leak report has already listed) is
+  // freed all the same: this family frees what it is given.
+  untrack(g_msgMemStack, pointer);
   free(pointer);
 }
 
@@ -72,7 +114,7 @@ void* ZIRK_Malloc(unsigned long size, const char* function, int line) {
     logAllocFailureZu(size, function, line);
     return nullptr;
   }
-  track(p, size, function, line);
+  track(gMemStack, p, size, function, line);
   return p;
 }
 
@@ -82,12 +124,12 @@ void* ZIRK_Calloc(unsigned long count, unsigned long size, const char* function,
     logAllocFailureLu(count * size, function, line);
     return nullptr;
   }
-  track(p, count * size, function, line);
+  track(gMemStack, p, count * size, function, line);
   return p;
 }
 
 void ZIRK_Free(void* pointer, const char* function, int line) {
-  if (pointer == nullptr || !untrack(pointer)) {
+  if (pointer == nullptr || !untrack(gMemStack, pointer)) {
     logInvalidFree(pointer, function, line);
     return;
   }
@@ -100,12 +142,12 @@ void* ZIRK_New_Mngr(void* pointer, const char* function, int line) {
                         function, line);
     return nullptr;
   }
-  track(pointer, 0, function, line);
+  track(gMemStack, pointer, 0, function, line);
   return pointer;
 }
 
 int ZIRK_Delete_Mngr(void* pointer, const char* function, int line) {
-  if (untrack(pointer)) return 1;
+  if (untrack(gMemStack, pointer)) return 1;
   __android_log_print(ANDROID_LOG_WARN, kTag,
                       "Trying to delete invalid pointer : %p in function : %s, Line : %d", pointer,
                       function, line);
@@ -113,7 +155,7 @@ int ZIRK_Delete_Mngr(void* pointer, const char* function, int line) {
 }
 
 int ZIRK_Delete_Array_Mngr(void* pointer, const char* function, int line) {
-  if (untrack(pointer)) return 1;
+  if (untrack(gMemStack, pointer)) return 1;
   __android_log_print(ANDROID_LOG_WARN, kTag,
                       "Trying to delete invalid pointer array: %p in function : %s, Line : %d",
                       pointer, function, line);
@@ -121,15 +163,9 @@ int ZIRK_Delete_Array_Mngr(void* pointer, const char* function, int line) {
 }
 
 void ZIRK_check_memory_status() {
-  if (gMemStack.empty()) {
-    __android_log_print(ANDROID_LOG_INFO, kTag, "No memory Leak found ");
-    return;
-  }
-  ZIRK_Mem_Info* info = nullptr;
-  while (gMemStack.pop(&info)) {
-    __android_log_print(ANDROID_LOG_ERROR, kTag,
-                        "Failed to deallocate %d bytes allocated in function : %s, Line : %d",
-                        info->size, info->function, info->line);
-    delete info;
-  }
+  std::lock_guard<std::mutex> lock(g_stackLock);
+  // The tracked blocks first, then the engine's own buffers; each newest first.
+  const bool tracked = reportLeaks(gMemStack);
+  const bool own = reportLeaks(g_msgMemStack);
+  if (!tracked && !own) __android_log_print(ANDROID_LOG_INFO, kTag, "No memory Leak found ");
 }

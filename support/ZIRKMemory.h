@@ -4,12 +4,18 @@
 // Two families share one calling convention: every call carries the name of
 // the calling function and a line number, which appear in the log (tag
 // "TAG_MEM").
-//  - ZIRK_Malloc_Msg / ZIRK_Calloc_Msg / ZIRK_Free_Msg: plain malloc, calloc
-//    and free that log failures. The engine's own buffers use these.
+//  - ZIRK_Malloc_Msg / ZIRK_Calloc_Msg / ZIRK_Free_Msg: malloc, calloc and
+//    free that log failures. The engine's own buffers use these. Their live
+//    blocks are recorded too (on a stack of their own), so the leak report
+//    lists an engine buffer nobody released; ZIRK_Free_Msg frees any block it
+//    is given, recorded or not.
 //  - ZIRK_Malloc / ZIRK_Calloc / ZIRK_Free / ZIRK_New_Mngr / ZIRK_Delete_Mngr /
-//    ZIRK_Delete_Array_Mngr / ZIRK_check_memory_status: the same, recorded on
-//    the global stack gMemStack. A debugging aid: single-threaded, lookups are
-//    linear in the number of live tracked blocks, newest first.
+//    ZIRK_Delete_Array_Mngr: the same, recorded on the global stack gMemStack;
+//    their free and delete functions refuse blocks not recorded there.
+//  - ZIRK_check_memory_status: the leak report over both stacks.
+// Both stacks are changed under one lock (the message family is used from
+// worker threads); lookups are linear in the number of live blocks of the
+// stack, newest first.
 #pragma once
 
 #include <cstdint>
@@ -97,5 +103,6 @@ SEGCORE_EXPORT void* ZIRK_New_Mngr(void* pointer, const char* function, int line
 // Forgets a recorded object; returns 1 when found (the caller then deletes it).
 SEGCORE_EXPORT int ZIRK_Delete_Mngr(void* pointer, const char* function, int line);
 SEGCORE_EXPORT int ZIRK_Delete_Array_Mngr(void* pointer, const char* function, int line);
-// Logs every block still on the stack and empties it (the blocks stay).
+// Logs every block still recorded, tracked ones first, and forgets them (the
+// blocks stay allocated); "No memory Leak found " when there is none.
 SEGCORE_EXPORT void ZIRK_check_memory_status();

@@ -1,5 +1,9 @@
 // The process-wide marker state: encodings, initial values, set-up, reset and release.
 #include <gtest/gtest.h>
+#include <opencv2/imgproc/imgproc_c.h>
+
+#include <random>
+#include <vector>
 
 #include "engine/EngineState.h"
 #include "engine/ZIRKSEMarker.h"
@@ -96,6 +100,53 @@ TEST_F(MarkerState, ContourStorageReleaseForgetsTheContours) {
   ZIRK_ReleaseContourStorage();
   EXPECT_TRUE(storage == nullptr && contours == nullptr);
   EXPECT_EQ(g_contoursFound, 0);
+}
+
+// The drawn path against the plain drawing (every line of the closed path
+// with cvLine) on random paths: dense walks where many points share a
+// working pixel, scattered points, short and degenerate ones.
+TEST(DrawnPath, SameLabelsAsDrawingEveryLine) {
+  std::mt19937 rng(3);
+  for (int trial = 0; trial < 60; ++trial) {
+    const int w = 40 + static_cast<int>(rng() % 40), h = 30 + static_cast<int>(rng() % 40);
+    const float factor = trial % 3 == 0 ? 1.0f : 1.0f + static_cast<float>(rng() % 1000) / 100.0f;
+    const int fullW = static_cast<int>(w * factor), fullH = static_cast<int>(h * factor);
+    const int n = trial % 10 == 0 ? static_cast<int>(rng() % 3) : 1 + static_cast<int>(rng() % 300);
+    std::vector<int32_t> points;
+    int x = static_cast<int>(rng() % fullW), y = static_cast<int>(rng() % fullH);
+    for (int i = 0; i < n; ++i) {
+      if (trial % 2 == 0) {  // a walk
+        x = std::min(std::max(x + static_cast<int>(rng() % 5) - 2, 0), fullW - 1);
+        y = std::min(std::max(y + static_cast<int>(rng() % 5) - 2, 0), fullH - 1);
+      } else {
+        x = static_cast<int>(rng() % fullW);
+        y = static_cast<int>(rng() % fullH);
+      }
+      points.push_back(x);
+      points.push_back(y);
+    }
+    if (trial % 7 == 0) points.push_back(5);  // an odd last int is ignored
+    if (trial == 1) points = {3, 4, 5};         // one point and an odd int: nothing
+    IplImage* fast = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
+    cvSet(fast, cvScalar(4));
+    IplImage* plain = cvCloneImage(fast);
+    ZIRK_clearDrawnPath(fast, points, factor);
+    const size_t count = points.size() / 2;
+    auto at = [&](size_t i) {
+      return cvPoint(static_cast<int>(static_cast<float>(points[2 * i]) / factor),
+                     static_cast<int>(static_cast<float>(points[2 * i + 1]) / factor));
+    };
+    if (points.size() >= 3) {
+      for (size_t i = 0; i + 1 < count; ++i) cvLine(plain, at(i), at(i + 1), cvScalar(0), 3, 8, 0);
+      if (count >= 2) cvLine(plain, at(count - 1), at(0), cvScalar(0), 3, 8, 0);
+    }
+    for (int r = 0; r < h; ++r)
+      for (int c = 0; c < w; ++c)
+        ASSERT_EQ(CV_IMAGE_ELEM(fast, uint8_t, r, c), CV_IMAGE_ELEM(plain, uint8_t, r, c))
+            << "trial " << trial << " at (" << c << ", " << r << ")";
+    cvReleaseImage(&fast);
+    cvReleaseImage(&plain);
+  }
 }
 
 }  // namespace

@@ -158,9 +158,9 @@ TEST_F(PipelineSegment, EveryPhotoOnTheReducedAndTheDirectPath) {
   }
 }
 
-// A cancel raised before the loop is seen after the first iteration: no
-// result, the log line, nothing left allocated, the history as it was. The
-// next request runs normally once the flag is lowered.
+// A cancel raised before the request ends it once the box is set up, before
+// any model is fitted: no result, the log line, nothing left allocated, the
+// history as it was. The next request runs normally once the flag is lowered.
 TEST_F(PipelineSegment, CancelEndsAfterTheFirstIterationAndKeepsTheHistory) {
   cv::Mat image(240, 320, CV_8UC3, cv::Scalar(40, 160, 60));
   cv::circle(image, cv::Point(160, 120), 60, cv::Scalar(30, 30, 210), cv::FILLED);
@@ -175,9 +175,7 @@ TEST_F(PipelineSegment, CancelEndsAfterTheFirstIterationAndKeepsTheHistory) {
   LogCapture log;
   EXPECT_EQ(hybrid->segment(), nullptr);
   EXPECT_EQ(log.count(6, "Error", "Segmentation canceled due to timeout"), 1) << log.dump();
-  // The first iteration did run: both models were fitted.
-  EXPECT_GT(std::accumulate(hybrid->m_fgModel.m_weight, hybrid->m_fgModel.m_weight + 5, 0.0), 0.5);
-  EXPECT_GT(std::accumulate(hybrid->m_bgModel.m_weight, hybrid->m_bgModel.m_weight + 5, 0.0), 0.5);
+  EXPECT_EQ(std::accumulate(hybrid->m_fgModel.m_weight, hybrid->m_fgModel.m_weight + 5, 0.0), 0.0);
   EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_trimapGraph == nullptr);
   EXPECT_TRUE(hybrid->m_cropSrcImage == nullptr && hybrid->m_cropLabelImage == nullptr &&
               hybrid->m_initLabelImage == nullptr);

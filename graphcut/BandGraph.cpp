@@ -6,11 +6,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <new>
-#include <system_error>
-#include <thread>
 
 #include "engine/ZIRKSEMarker.h"
 #include "support/ZIRKMemory.h"
+#include "support/ZIRKRows.h"
 
 namespace {
 
@@ -23,10 +22,7 @@ constexpr int32_t kThreadedBuildNodes = 16384;
 constexpr int kBuildThreads = 4;
 constexpr double kDiagonalFactor = 0.7071067932881648;
 
-inline const uint8_t* pixelAt(const IplImage* img, int x, int y) {
-  return reinterpret_cast<const uint8_t*>(img->imageData) + static_cast<size_t>(y) * img->widthStep +
-         static_cast<size_t>(x) * img->nChannels;
-}
+inline const uint8_t* pixelAt(const IplImage* img, int x, int y) { return ZIRK_pixelAt(img, x, y); }
 
 }  // namespace
 
@@ -286,17 +282,7 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
   };
   const int threads =
       buildThreads > 0 ? std::min(buildThreads, std::max(rows, 1)) : (n > kThreadedBuildNodes ? kBuildThreads : 1);
-  std::vector<std::thread> workers;
-  std::vector<int> here{0};  // bands done on this thread: the first, and any whose thread failed
-  for (int t = 1; t < threads; ++t) {
-    try {
-      workers.emplace_back(fillRows, rows * t / threads, rows * (t + 1) / threads);
-    } catch (const std::system_error&) {
-      here.push_back(t);
-    }
-  }
-  for (int t : here) fillRows(rows * t / threads, rows * (t + 1) / threads);
-  for (std::thread& worker : workers) worker.join();
+  ZIRK_runInBands(rows, threads, fillRows);
 
   g->reset();
   g->addNode(n);

@@ -175,14 +175,7 @@ ZIRKSEGraph::ZIRKSEGraph(int maxNodes, int maxEdges, int width, int height, int 
       m_blockCol(0),
       m_width(width),
       m_height(height),
-      m_ownsArrays(true),
-      m_bandUp(nullptr),
-      m_bandDown(nullptr),
-      m_stamp(nullptr),
-      m_dist(nullptr),
-      m_time(0),
-      m_fillNet(nullptr),
-      m_fillLinks(nullptr) {
+      m_ownsArrays(true) {
   const size_t nodeCount = static_cast<size_t>(maxNodes > 16 ? maxNodes : 16);
   const size_t arcCount = 2 * static_cast<size_t>(maxEdges > 16 ? maxEdges : 16);
   m_nodes = static_cast<nodes*>(ZIRK_Malloc_Msg(nodeCount * sizeof(nodes), "ZIRKSEGraph", 53));
@@ -231,14 +224,7 @@ ZIRKSEGraph::ZIRKSEGraph(ZIRKSEGraph* parent, int blockRow, int blockCol, int bl
       m_blockCol(blockCol),
       m_width(parent->m_width),
       m_height(parent->m_height),
-      m_ownsArrays(false),
-      m_bandUp(nullptr),
-      m_bandDown(nullptr),
-      m_stamp(nullptr),
-      m_dist(nullptr),
-      m_time(0),
-      m_fillNet(nullptr),
-      m_fillLinks(nullptr) {}
+      m_ownsArrays(false) {}
 
 ZIRKSEGraph::~ZIRKSEGraph() {
   // A block view leaves the borrowed arrays, and their contents, alone.

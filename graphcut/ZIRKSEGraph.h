@@ -132,20 +132,20 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   // pixel grid numbered row by row, and these hold, per node, the index of
   // the node directly above and below (-1: none). Null for a full grid.
   // Owned by the graph.
-  int32_t* m_bandUp;
-  int32_t* m_bandDown;
+  int32_t* m_bandUp = nullptr;
+  int32_t* m_bandDown = nullptr;
   // Bookkeeping of the serial solve: per node, the step at which its
   // distance to its terminal was last confirmed, and that distance, so that
   // an orphan finds its nearest valid parent without walking every chain to
   // the root. Null in block views, whose solves walk the chains.
-  int32_t* m_stamp;
-  int32_t* m_dist;
-  int32_t m_time;
+  int32_t* m_stamp = nullptr;
+  int32_t* m_dist = nullptr;
+  int32_t m_time = 0;
   // The capacities of the last fill through ZIRK_fillGrid (per node its
   // source minus sink capacity, and its four link capacities), kept when the
   // next fill may start from this solve's flow. Null otherwise.
-  float* m_fillNet;
-  float* m_fillLinks;
+  float* m_fillNet = nullptr;
+  float* m_fillLinks = nullptr;
 
   // Checks that the arrays hold the whole width x height grid and marks grid
   // nodes and arc slots never added as free nodes and absent arcs. Logs and

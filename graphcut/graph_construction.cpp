@@ -13,8 +13,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <new>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include "engine/ZIRKSEMarker.h"
@@ -22,6 +20,7 @@
 #include "segmenter/ZIRKSEHybrid.h"
 #include "support/ZIRKLog.h"
 #include "support/ZIRKMemory.h"
+#include "support/ZIRKRows.h"
 
 namespace {
 
@@ -33,10 +32,7 @@ constexpr int kTerminalThreads = 4;
 // Log-likelihoods closer than this cannot tell the grey models apart.
 constexpr float kGreyTie = 0.0001f;
 
-inline const uint8_t* pixelAt(const IplImage* img, int x, int y) {
-  return reinterpret_cast<const uint8_t*>(img->imageData) + static_cast<size_t>(y) * img->widthStep +
-         static_cast<size_t>(x) * img->nChannels;
-}
+inline const uint8_t* pixelAt(const IplImage* img, int x, int y) { return ZIRK_pixelAt(img, x, y); }
 
 // True when img is an 8-bit image of at least w x h with the given channels.
 bool covers(const IplImage* img, int w, int h, int channels) {
@@ -124,17 +120,7 @@ void ZIRK_fillBoxGraph(ZIRKSEHybrid* hybrid, bool keepFlow, bool sameModels) {
   // the rows out over threads (the same numbers), a row band per thread.
   if (!sameTerminals) {
     const int threads = n >= kThreadedPixels ? kTerminalThreads : 1;
-    std::vector<std::thread> workers;
-    std::vector<int> here{0};
-    for (int t = 1; t < threads; ++t) {
-      try {
-        workers.emplace_back(terminalRows, h * t / threads, h * (t + 1) / threads);
-      } catch (const std::system_error&) {
-        here.push_back(t);
-      }
-    }
-    for (int t : here) terminalRows(h * t / threads, h * (t + 1) / threads);
-    for (std::thread& worker : workers) worker.join();
+    ZIRK_runInBands(h, threads, terminalRows);
   }
 
   // 3. N-links from the stored weights, in whole-image coordinates.

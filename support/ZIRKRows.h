@@ -1,0 +1,35 @@
+// Row access to 8-bit images and work split into bands of rows.
+#pragma once
+
+#include <opencv2/core/types_c.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+// The bytes of pixel (x, y).
+inline const uint8_t* ZIRK_pixelAt(const IplImage* img, int x, int y) {
+  return reinterpret_cast<const uint8_t*>(img->imageData) + static_cast<size_t>(y) * img->widthStep +
+         static_cast<size_t>(x) * img->nChannels;
+}
+
+// Runs fn(begin, end) over `bands` consecutive slices of [0, count), each on
+// its own thread; the first slice, and any whose thread can not be started,
+// run on the calling thread. Returns when all are done.
+template <class Fn>
+void ZIRK_runInBands(int count, int bands, Fn fn) {
+  if (bands < 1) bands = 1;
+  std::vector<std::thread> workers;
+  std::vector<int> here{0};
+  for (int b = 1; b < bands; ++b) {
+    try {
+      workers.emplace_back(fn, count * b / bands, count * (b + 1) / bands);
+    } catch (const std::system_error&) {
+      here.push_back(b);
+    }
+  }
+  for (int b : here) fn(count * b / bands, count * (b + 1) / bands);
+  for (std::thread& worker : workers) worker.join();
+}

@@ -177,9 +177,10 @@ def main():
         with open(path, encoding="utf-8") as f:
             restore[path] = f.read()
         started = time.time()
+        text = mutated_text(m)
         try:
             with open(path, "w", encoding="utf-8") as f:
-                f.write(mutated_text(m))
+                f.write(text)
             status, test = build_and_test(build, args.jobs, log_dir, m.ident)
         finally:
             put_back()

@@ -113,8 +113,8 @@ TEST_F(MaskHistory, FollowsTheListModelOnRandomSequences) {
 }
 
 // Slots hold independent bits and are read back directly; positions stay;
-// fresh planes read as empty masks.
-TEST_F(MaskHistory, SlotsAreIndependentBitPlanes) {
+// fresh planes read as empty masks; bad masks and sizes are refused.
+TEST_F(MaskHistory, SlotsAreIndependentBitPlanesAndBadSizesAreRefused) {
   std::vector<Mask> masks;
   for (int k = 0; k < 32; ++k) {
     masks.push_back(randomMask());
@@ -128,15 +128,15 @@ TEST_F(MaskHistory, SlotsAreIndependentBitPlanes) {
   allocateFor(6, 4);
   const Mask empty(24, 0);
   EXPECT_TRUE(same(History::getMask(31), &empty));
-}
 
-TEST_F(MaskHistory, BadMasksAndSizesAreRefusedWithALogLine) {
+  // Bad masks and sizes are refused with a log line.
   LogCapture log;
   IplImage* wrongSize = cvCreateImage(cvSize(5, 7), IPL_DEPTH_8U, 1);
   History::updateBitPlane(wrongSize);
   cvReleaseImage(&wrongSize);
   EXPECT_EQ(log.countPrefix("Error", "updateBitPlane"), 1) << log.dump();
   EXPECT_EQ(History::m_current, 0);
+  EXPECT_TRUE(same(History::getMask(0), &empty)) << "the refused mask is not stored";
 
   // No history at all: getMask refuses; nothing crashes.
   History::deallocate();

@@ -107,7 +107,7 @@ Call segment(int expected) {
 }
 void cut(unsigned int* a, unsigned char* m) { cutOutImage(0, 0, 0, a, m); }
 
-TEST_F(BadInput, CallsOutOfOrder) {
+TEST_F(BadInput, CallsOutOfOrderWithNullBuffersOrAfterTeardown) {
   int* const m = marks.data();
   int* const p = path.data();
   run({
@@ -125,11 +125,9 @@ TEST_F(BadInput, CallsOutOfOrder) {
       {kEngine, "initSegmentationEngine", [](auto, auto) { initSegmentationEngine(0); }},
   });
   EXPECT_NE(pHybrid, nullptr) << "a second initSegmentationEngine replaces the engine";
-}
 
-TEST_F(BadInput, NullBuffers) {
   unsigned int* const s = src.data();
-  run({
+  run({  // null buffers
       {kNothing, "setSourceImage", [](auto, auto) { setSourceImage(W, H, nullptr); }},
       {kEngine, "copySourceImage", [](auto, auto) { copySourceImage(nullptr); }},
       {kEngine, "setMarkerImage", [](auto, auto) { setMarkerImage(W, H, nullptr, 0); }},
@@ -143,6 +141,20 @@ TEST_F(BadInput, NullBuffers) {
       {kEngine, "loadMaskImageInfo", [](auto, auto) { loadMaskImageInfo(nullptr); }},
       {kEngine, "loadBlendedImageInfo", [](auto, auto) { loadBlendedImageInfo(nullptr); }},
   });
+
+  // Teardown drops the source with the engine and the history; releasing
+  // what is already gone is not an error.
+  run({
+      {kTornDown, "processSegment", segment(-1)},
+      {kTornDown, "undo", undo},
+      {kTornDown, "MEMORY_CRASH : cutOutImage 197", cut},
+      {kTornDown, "copySourceImage", [](auto a, auto) { copySourceImage(a); }},
+      {kTornDown, "", [](auto, auto) { deinitSegmentation(); }, 0},
+      {kTornDown, "", [](auto, auto) { freeLocalBuffers(); }, 0},
+      {kTornDown, "", [](auto, auto) { resetSegmentationInterface(); }, 0},
+  });
+  EXPECT_FALSE(canUndo());
+  EXPECT_FALSE(canRedo());
 }
 
 TEST_F(BadInput, SizesBelowOneTooLargeOrOfAnotherImage) {
@@ -224,22 +236,6 @@ TEST_F(BadInput, Rectangles) {
   doSegmentationBB(W, H, src.data(), -5, -5, -1, -1, mask.data());
   EXPECT_NE(pHybrid, nullptr);
   EXPECT_TRUE(HistorySnapshot::take() == before);
-}
-
-// Teardown drops the source with the engine and the history; releasing what
-// is already gone is not an error.
-TEST_F(BadInput, RequestsAfterTeardown) {
-  run({
-      {kTornDown, "processSegment", segment(-1)},
-      {kTornDown, "undo", undo},
-      {kTornDown, "MEMORY_CRASH : cutOutImage 197", cut},
-      {kTornDown, "copySourceImage", [](auto a, auto) { copySourceImage(a); }},
-      {kTornDown, "", [](auto, auto) { deinitSegmentation(); }, 0},
-      {kTornDown, "", [](auto, auto) { freeLocalBuffers(); }, 0},
-      {kTornDown, "", [](auto, auto) { resetSegmentationInterface(); }, 0},
-  });
-  EXPECT_FALSE(canUndo());
-  EXPECT_FALSE(canRedo());
 }
 
 // The live-wire calls take OpenCV images from the caller; malformed ones are

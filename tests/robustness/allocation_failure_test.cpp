@@ -95,9 +95,10 @@ void sweep(const std::string& function, Scene& scene, const std::function<void()
 }
 
 TEST_F(RobustnessTest, FailedAllocationInASegmentationIsAbandonedAndTheNextRuns) {
-  // 200 x 150: the working image is the source. 360 x 270: it is reduced,
-  // and the mask comes back through the full-resolution refinement.
-  for (const auto& size : {std::pair<int, int>{200, 150}, {360, 270}}) {
+  // 120 x 90: the working image is the source. 300 x 260 (above 76800
+  // pixels): it is reduced, and the mask comes back through the
+  // full-resolution refinement. Both make the same allocations as larger scenes.
+  for (const auto& size : {std::pair<int, int>{120, 90}, {300, 260}}) {
     Scene scene(size.first, size.second);
     const auto segment = [](unsigned int* a, unsigned char* m) {
       EXPECT_EQ(processSegment(0, 0, 0, a, m), 0);

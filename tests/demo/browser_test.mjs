@@ -88,14 +88,30 @@ async function drag(page, points) {
 }
 
 // Waits until the page has finished one more edit; returns how it ended.
-async function edited(page, before) {
+async function edited(page, before, timeout = 60000) {
   await page.waitForFunction((n) => Number(document.body.dataset.edits) > n && document.body.dataset.busy === "false",
-                             before);
+                             before, { timeout });
   return page.evaluate(() => ({ last: document.body.dataset.last, message: document.getElementById("message").textContent }));
 }
 const editCount = (page) => page.evaluate(() => Number(document.body.dataset.edits));
 const disabled = (page, id) => page.locator("#" + id).isDisabled();
 const viewWidth = (page) => page.evaluate(() => document.getElementById("view").width);
+
+
+// A 4000x3000 JPEG of the book photo, enlarged by the browser.
+async function enlargedBook(page) {
+  const base64 = await page.evaluate(async (src) => {
+    const bytes = Uint8Array.from(atob(src), (c) => c.charCodeAt(0));
+    const bitmap = await createImageBitmap(new Blob([bytes], { type: "image/jpeg" }));
+    const c = new OffscreenCanvas(4000, 3000);
+    c.getContext("2d").drawImage(bitmap, 0, 0, 4000, 3000);
+    const out = new Uint8Array(await (await c.convertToBlob({ type: "image/jpeg", quality: 0.92 })).arrayBuffer());
+    let s = "";
+    for (let i = 0; i < out.length; i += 0x8000) s += String.fromCharCode(...out.subarray(i, i + 0x8000));
+    return btoa(s);
+  }, readFileSync(book).toString("base64"));
+  return Buffer.from(base64, "base64");
+}
 
 const { server, address } = startServer();
 let browser;
@@ -184,6 +200,35 @@ try {
   assert.equal(result.last, "done", result.message);
   assert.ok(/^loop: /.test(result.message), result.message);
   assert.ok((await mask(page, "/api/mask.png")).count > 0.2 * rectMask.count, "the loop cut out little");
+  step("Cancel during an edit on a 12-megapixel photo leaves the mask and the history, or shows the finished edit");
+  await page.keyboard.press("1");
+  await page.locator("#file").setInputFiles({ name: "book12mp.jpg", mimeType: "image/jpeg", buffer: await enlargedBook(page) });
+  await page.waitForFunction(() => document.getElementById("message").textContent.startsWith("Opened book12mp.jpg"),
+                             null, { timeout: 120000 });
+  await page.keyboard.press("r");
+  let sawCancel = false;
+  for (let attempt = 1; attempt <= 5 && !sawCancel; ++attempt) {
+    const before = await mask(page, "/api/mask.png");
+    const history = [await disabled(page, "undo"), await disabled(page, "redo")];
+    const n = await editCount(page);
+    await drag(page, [[368 + 20 * attempt, 150], [3862, 2868]]);
+    await page.locator("#cancel:not([disabled])").click({ timeout: 5000 }).catch(() => {});
+    result = await edited(page, n, 120000);
+    const after = await mask(page, "/api/mask.png");
+    if (result.last === "cancelled") {
+      sawCancel = true;
+      assert.ok(sameMask(after, before), "a cancelled edit changed the mask");
+      assert.deepEqual([await disabled(page, "undo"), await disabled(page, "redo")], history,
+                       "a cancelled edit changed the undo state");
+      await page.screenshot({ path: outDir + "/segdemo_cancelled.png" });
+    } else {
+      assert.equal(result.last, "done", result.message);
+      assert.ok(after.count > 0, "a finished edit shows its mask");
+    }
+    console.log("  attempt " + attempt + ": " + result.message);
+  }
+  assert.ok(sawCancel, "no attempt was cancelled");
+
   console.log("browser test: " + steps + " passed, 0 failed");
 } finally {
   if (browser) await browser.close();

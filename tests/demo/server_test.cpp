@@ -1,6 +1,7 @@
 // segdemo's HTTP interface against a running server: bad input of every kind
 // gets a 4xx with a clear message and the server keeps serving; two clients
-// at once get serialised edits and never a mixed-up result.
+// at once get serialised edits and never a mixed-up result; a cancelled edit
+// leaves mask and history; live-wire paths join seed and target.
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <opencv2/imgcodecs.hpp>
@@ -8,7 +9,6 @@
 #include <atomic>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <thread>
 
 #include "segdemo/DemoServer.h"

@@ -1,6 +1,7 @@
 // segdemo's HTTP interface against a running server: bad input of every kind
 // gets a 4xx with a clear message and the server keeps serving; two clients
-// at once get serialised edits and never a mixed-up result.
+// at once get serialised edits and never a mixed-up result; a cancelled edit
+// leaves mask and history; live-wire paths join seed and target.
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <opencv2/imgcodecs.hpp>
@@ -8,7 +9,6 @@
 #include <atomic>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <thread>
 
 #include "segdemo/DemoServer.h"
@@ -65,7 +65,15 @@ class DemoServerTest : public ::testing::Test {
     c.set_read_timeout(std::chrono::seconds(60));
     return c;
   }
-  httplib::Result post(const std::string& path, const std::string& body) { return client().Post(path.c_str(), body, "application/json"); }
+  httplib::Result post(const std::string& path, const std::string& body) {
+    return client().Post(path.c_str(), body, "application/json");
+  }
+  int edit(const std::string& body) { return post("/api/edit", body)->status; }
+  cv::Mat mask() { return decodeMask(client().Get("/api/mask.png")); }
+  void loadBook() {
+    std::string error;
+    ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
+  }
 
   std::unique_ptr<DemoServer> m_server;
   int m_port = 0;
@@ -79,7 +87,7 @@ struct BadRequest {
   std::string message;  // part of the error message
 };
 
-TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServing) {
+TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServingPathsAndMasks) {
   std::string million = R"({"kind": "add", "points": [)";
   for (int i = 0; i < 1000000; ++i) million += i ? ",[1,1]" : "[1,1]";
   million += "]}";
@@ -130,8 +138,7 @@ TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServing) {
     EXPECT_NE(j["error"].get<std::string>().find(c.message), std::string::npos) << j["error"];
   };
   for (const BadRequest& c : beforePhoto) check(c);
-  std::string error;
-  ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
+  loadBook();
   for (const BadRequest& c : withPhoto) check(c);
 
   // Still serving the same photo, and a good edit works.
@@ -139,149 +146,22 @@ TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServing) {
   ASSERT_TRUE(r);
   ASSERT_EQ(r->status, 200) << r->body;
   EXPECT_FALSE(json::parse(r->body)["cancelled"].get<bool>());
-  const cv::Mat mask = decodeMask(client().Get("/api/mask.png"));
-  ASSERT_EQ(mask.size(), cv::Size(640, 480));
-  EXPECT_GT(cv::countNonZero(mask), 640 * 480 / 10);
-}
+  const cv::Mat result = mask();
+  ASSERT_EQ(result.size(), cv::Size(640, 480));
+  EXPECT_GT(cv::countNonZero(result), 640 * 480 / 10);
 
-// One client runs the rectangle again while another sends requests of every
-// kind: the other's edits are refused with 409 or are the same rectangle,
-// every mask it reads is one of the two masks before and after, and the
-// result is the rectangle's mask.
-TEST_F(DemoServerTest, TwoClientsAtOnceGetSerialisedEditsAndConsistentMasks) {
-  std::string error;
-  ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
-  ASSERT_EQ(post("/api/edit", kRect)->status, 200);
-  const cv::Mat rectMask = decodeMask(client().Get("/api/mask.png"));
-  const httplib::Result stroke = post("/api/edit", R"({"kind": "remove", "points": [[250, 240], [450, 240]], "radius": 10})");
-  ASSERT_EQ(stroke->status, 200) << stroke->body;
-  const cv::Mat strokeMask = decodeMask(client().Get("/api/mask.png"));
-  ASSERT_FALSE(same(rectMask, strokeMask));
-
-  std::atomic<bool> done{false};
-  int editStatus = 0;
-  std::thread editor([&] {
-    editStatus = post("/api/edit", kRect)->status;
-    done = true;
-  });
-  // The other client starts once the edit runs.
-  for (int i = 0; i < 400 && !done; ++i) {
-    const httplib::Result r = client().Get("/api/state");
-    if (r && json::parse(r->body)["busy"].get<bool>()) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  int refused = 0, otherMasks = 0, failures = 0;
-  for (int i = 0; i < 2000 && !done; ++i) {
-    httplib::Client cli = client();
-    switch (i % 4) {
-      case 0: {
-        const cv::Mat m = decodeMask(cli.Get("/api/mask.png"));
-        otherMasks += !same(m, rectMask) && !same(m, strokeMask);
-        break;
-      }
-      case 1: {
-        const httplib::Result r = cli.Post("/api/edit", kRect, "application/json");
-        if (!r || (r->status != 200 && r->status != 409)) ++failures;
-        refused += r && r->status == 409;
-        break;
-      }
-      case 2: {
-        const httplib::Result r = cli.Post("/api/image", std::string("x"), "image/png");
-        if (!r || r->status != 400) ++failures;
-        break;
-      }
-      default: {
-        const httplib::Result r = cli.Get("/api/state");
-        if (!r || r->status != 200) ++failures;
-      }
-    }
-  }
-  editor.join();
-  EXPECT_EQ(editStatus, 200);
-  EXPECT_EQ(failures, 0);
-  EXPECT_EQ(otherMasks, 0);
-  EXPECT_GT(refused, 0) << "no request arrived while the edit ran";
-  EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), rectMask));
-  const json state = json::parse(client().Get("/api/state")->body);
-  EXPECT_FALSE(state["busy"].get<bool>());
-  EXPECT_FALSE(state["canUndo"].get<bool>());
-}
-
-}  // namespace
-
-namespace {
-
-// A cancelled edit leaves the mask and the whole history as they were: with
-// a redo pending, the masks before and after it come back exactly.
-TEST_F(DemoServerTest, CancelledEditLeavesMaskAndHistory) {
-  std::string error;
-  ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
-  const std::string stroke = R"({"kind": "remove", "points": [[250, 240], [450, 240]], "radius": 10})";
-  const std::string loop = R"({"kind": "cutloop", "points": [[100, 60], [560, 60], [560, 420], [100, 420]]})";
-  // An earlier sequence that the rectangle below replaces.
-  ASSERT_EQ(post("/api/edit", kRect)->status, 200);
-  ASSERT_EQ(post("/api/edit", stroke)->status, 200);
-  cv::Mat rectMask, strokeMask;
-  bool sawCancel = false;
-  for (int attempt = 0; attempt < 8 && !sawCancel; ++attempt) {
-    // History: the rectangle, then the stroke, stepped back to the rectangle.
-    ASSERT_EQ(post("/api/edit", kRect)->status, 200);
-    rectMask = decodeMask(client().Get("/api/mask.png"));
-    ASSERT_EQ(post("/api/edit", stroke)->status, 200);
-    strokeMask = decodeMask(client().Get("/api/mask.png"));
-    ASSERT_EQ(post("/api/edit", R"({"kind": "undo"})")->status, 200);
-
-    std::atomic<bool> done{false};
-    json reply;
-    std::thread editor([&] {
-      const httplib::Result r = post("/api/edit", loop);
-      if (r && r->status == 200) reply = json::parse(r->body);
-      done = true;
-    });
-    for (int i = 0; i < 2000 && !done; ++i) {
-      post("/api/cancel", "{}");
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    editor.join();
-    ASSERT_TRUE(reply.is_object()) << "the edit failed";
-    if (!reply["cancelled"].get<bool>()) continue;  // finished first: again
-    sawCancel = true;
-    EXPECT_FALSE(reply["canUndo"].get<bool>());
-    EXPECT_TRUE(reply["canRedo"].get<bool>());
-    EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), rectMask));
-    ASSERT_EQ(post("/api/edit", R"({"kind": "redo"})")->status, 200);
-    EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), strokeMask));
-    ASSERT_EQ(post("/api/edit", R"({"kind": "undo"})")->status, 200);
-    EXPECT_TRUE(same(decodeMask(client().Get("/api/mask.png")), rectMask));
-    // And the next edit runs to the end. (Its mask may differ from the
-    // first stroke's: the segmenter keeps its colour models between edits.)
-    const httplib::Result next = post("/api/edit", stroke);
-    ASSERT_EQ(next->status, 200);
-    EXPECT_FALSE(json::parse(next->body)["cancelled"].get<bool>());
-    const cv::Rect band(250, 230, 201, 21);
-    EXPECT_LT(cv::countNonZero(decodeMask(client().Get("/api/mask.png"))(band)), cv::countNonZero(rectMask(band)) / 2);
-  }
-  EXPECT_TRUE(sawCancel) << "every edit finished before its cancel";
-}
-
-}  // namespace
-
-namespace {
-
-// Live-wire paths for random seeds and targets: they start at the seed, end
-// at the target, stay in the photo and move in small steps (the search runs
-// on the photo reduced to about 0.25 megapixels: steps of 1 to 2 pixels).
-TEST_F(DemoServerTest, LiveWirePathsJoinSeedAndTargetInSmallSteps) {
-  std::string error;
-  ASSERT_TRUE(m_server->loadPhotoFile(kBook, &error)) << error;
+  // Live-wire paths for random seeds and targets start at the seed, end at
+  // the target, stay in the photo and move in small steps (the search runs
+  // on the photo reduced to about 0.25 megapixels: steps of 1 to 2 pixels).
   cv::RNG rng(19);
   for (int i = 0; i < 4; ++i) {
     const int sx = rng.uniform(0, 640), sy = rng.uniform(0, 480), tx = rng.uniform(0, 640), ty = rng.uniform(0, 480);
     SCOPED_TRACE(testing::Message() << "seed " << sx << "," << sy << " to " << tx << "," << ty);
     for (const auto& to : {std::make_pair(tx, ty), std::make_pair(sx, ty)}) {  // a second target, same seed
-      const httplib::Result r = post("/api/livewire", json{{"seed", {sx, sy}}, {"to", {to.first, to.second}}}.dump());
-      ASSERT_TRUE(r && r->status == 200);
-      const json points = json::parse(r->body)["points"];
+      const json request = {{"seed", {sx, sy}}, {"to", {to.first, to.second}}};
+      const httplib::Result path = post("/api/livewire", request.dump());
+      ASSERT_TRUE(path && path->status == 200);
+      const json points = json::parse(path->body)["points"];
       ASSERT_GE(points.size(), 1u);
       EXPECT_EQ(points.front(), json({sx, sy}));
       EXPECT_EQ(points.back(), json({to.first, to.second}));
@@ -294,6 +174,101 @@ TEST_F(DemoServerTest, LiveWirePathsJoinSeedAndTargetInSmallSteps) {
       }
     }
   }
+}
+
+// One client runs the rectangle again while another sends requests of every
+// kind: the other's edits are refused with 409 or are the same rectangle,
+// every mask it reads is one of the two masks before and after, and the
+// result is the rectangle's mask. Then a cancelled edit leaves the mask and
+// the whole history as they were: with a redo pending, the masks before and
+// after it come back exactly.
+TEST_F(DemoServerTest, ConcurrentAndCancelledEditsLeaveConsistentMasksAndHistory) {
+  loadBook();
+  const std::string stroke = R"({"kind": "remove", "points": [[250, 240], [450, 240]], "radius": 10})";
+  ASSERT_EQ(edit(kRect), 200);
+  const cv::Mat rectMask = mask();
+  ASSERT_EQ(edit(stroke), 200);
+  const cv::Mat strokeMask = mask();
+  ASSERT_FALSE(same(rectMask, strokeMask));
+
+  std::atomic<bool> done{false};
+  int editStatus = 0;
+  std::thread editor([&] {
+    editStatus = edit(kRect);
+    done = true;
+  });
+  // The other client starts once the edit runs.
+  for (int i = 0; i < 400 && !done; ++i) {
+    const httplib::Result r = client().Get("/api/state");
+    if (r && json::parse(r->body)["busy"].get<bool>()) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  int refused = 0, otherMasks = 0, failures = 0;
+  for (int i = 0; i < 2000 && !done; ++i) {
+    httplib::Client cli = client();
+    if (i % 4 == 0) {
+      const cv::Mat m = decodeMask(cli.Get("/api/mask.png"));
+      otherMasks += !same(m, rectMask) && !same(m, strokeMask);
+      continue;
+    }
+    const httplib::Result r = i % 4 == 1 ? cli.Post("/api/edit", kRect, "application/json")
+                              : i % 4 == 2 ? cli.Post("/api/image", std::string("x"), "image/png")
+                                           : cli.Get("/api/state");
+    const int expected = i % 4 == 2 ? 400 : 200;
+    failures += !r || (r->status != expected && !(i % 4 == 1 && r->status == 409));
+    refused += r && r->status == 409;
+  }
+  editor.join();
+  EXPECT_EQ(editStatus, 200);
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(otherMasks, 0);
+  EXPECT_GT(refused, 0) << "no request arrived while the edit ran";
+  EXPECT_TRUE(same(mask(), rectMask));
+  const json state = json::parse(client().Get("/api/state")->body);
+  EXPECT_FALSE(state["busy"].get<bool>());
+  EXPECT_FALSE(state["canUndo"].get<bool>());
+
+  const std::string loop = R"({"kind": "cutloop", "points": [[100, 60], [560, 60], [560, 420], [100, 420]]})";
+  bool sawCancel = false;
+  for (int attempt = 0; attempt < 8 && !sawCancel; ++attempt) {
+    // History: the rectangle, then the stroke, stepped back to the rectangle.
+    ASSERT_EQ(edit(kRect), 200);
+    const cv::Mat before = mask();
+    ASSERT_EQ(edit(stroke), 200);
+    const cv::Mat after = mask();
+    ASSERT_EQ(edit(R"({"kind": "undo"})"), 200);
+
+    std::atomic<bool> finished{false};
+    json reply;
+    std::thread cancelled([&] {
+      const httplib::Result r = post("/api/edit", loop);
+      if (r && r->status == 200) reply = json::parse(r->body);
+      finished = true;
+    });
+    for (int i = 0; i < 2000 && !finished; ++i) {
+      post("/api/cancel", "{}");
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    cancelled.join();
+    ASSERT_TRUE(reply.is_object()) << "the edit failed";
+    if (!reply["cancelled"].get<bool>()) continue;  // finished first: again
+    sawCancel = true;
+    EXPECT_FALSE(reply["canUndo"].get<bool>());
+    EXPECT_TRUE(reply["canRedo"].get<bool>());
+    EXPECT_TRUE(same(mask(), before));
+    ASSERT_EQ(edit(R"({"kind": "redo"})"), 200);
+    EXPECT_TRUE(same(mask(), after));
+    ASSERT_EQ(edit(R"({"kind": "undo"})"), 200);
+    EXPECT_TRUE(same(mask(), before));
+    // And the next edit runs to the end. (Its mask may differ from the
+    // first stroke's: the segmenter keeps its colour models between edits.)
+    const httplib::Result next = post("/api/edit", stroke);
+    ASSERT_EQ(next->status, 200);
+    EXPECT_FALSE(json::parse(next->body)["cancelled"].get<bool>());
+    const cv::Rect band(250, 230, 201, 21);
+    EXPECT_LT(cv::countNonZero(mask()(band)), cv::countNonZero(before(band)) / 2);
+  }
+  EXPECT_TRUE(sawCancel) << "every edit finished before its cancel";
 }
 
 }  // namespace

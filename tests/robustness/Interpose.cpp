@@ -1,5 +1,4 @@
-#include "robustness/Interpose.h"
-
+// The test-controlled gettimeofday and cvCreateImage (see RobustnessSupport.h).
 #include <dlfcn.h>
 #include <sys/time.h>
 
@@ -9,26 +8,19 @@
 #include <atomic>
 #include <ctime>
 
+#include "robustness/RobustnessSupport.h"
+
 namespace {
 
 std::atomic<long> g_stepSeconds{0};
 std::atomic<long> g_offsetSeconds{0};
-std::atomic<void (*)()> g_hook{nullptr};
 std::atomic<int> g_failAt{0};
 std::atomic<int> g_calls{0};
 
-using CreateImageFn = IplImage* (*)(CvSize, int, int);
-
-CreateImageFn realCreateImage() {
-  static const CreateImageFn real =
-      reinterpret_cast<CreateImageFn>(dlsym(RTLD_NEXT, "cvCreateImage"));
-  return real;
-}
-
 }  // namespace
 
+// The real clock plus an offset that grows by the step at every reading.
 extern "C" int gettimeofday(struct timeval* tv, void*) {
-  if (void (*hook)() = g_hook.exchange(nullptr)) hook();
   const long offset = g_offsetSeconds.fetch_add(g_stepSeconds.load()) + g_stepSeconds.load();
   struct timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
@@ -37,19 +29,20 @@ extern "C" int gettimeofday(struct timeval* tv, void*) {
   return 0;
 }
 
+// OpenCV's, except that the armed call throws as a failed allocation does.
 extern "C" IplImage* cvCreateImage(CvSize size, int depth, int channels) {
-  const int call = g_calls.fetch_add(1) + 1;
-  if (call == g_failAt.load()) {
+  using CreateImageFn = IplImage* (*)(CvSize, int, int);
+  static const auto real = reinterpret_cast<CreateImageFn>(dlsym(RTLD_NEXT, "cvCreateImage"));
+  if (g_calls.fetch_add(1) + 1 == g_failAt.load()) {
     cv::error(cv::Error::StsNoMem, "Failed to allocate (injected)", "cvCreateImage", __FILE__,
               __LINE__);
   }
-  return realCreateImage()(size, depth, channels);
+  return real(size, depth, channels);
 }
 
 namespace interpose {
 
 void setClockStep(long seconds) { g_stepSeconds = seconds; }
-void setClockHook(void (*hook)()) { g_hook = hook; }
 void failCreateImageAt(int n) {
   g_calls = 0;
   g_failAt = n;
@@ -58,7 +51,6 @@ int createImageCalls() { return g_calls.load(); }
 void reset() {
   g_stepSeconds = 0;
   g_offsetSeconds = 0;
-  g_hook = nullptr;
   g_failAt = 0;
   g_calls = 0;
 }

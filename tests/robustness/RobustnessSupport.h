@@ -1,5 +1,6 @@
-// Shared pieces of the robustness suites: caller buffers with guard words,
-// a synthetic scene, and the fixture that leaves the process clean.
+// Shared pieces of the robustness suites: the test-controlled clock and
+// allocator (Interpose.cpp), caller buffers with guard words, a synthetic
+// scene, a snapshot of the history, and the fixture that leaves the process clean.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,8 +13,23 @@
 #include "engine/SegmentationCore.h"
 #include "engine/ZIRKSEManageUndoRedo.h"
 #include "engine/ZIRKSEMarker.h"
-#include "robustness/Interpose.h"
 #include "support/ZIRKTimer.h"
+
+// This program defines gettimeofday and cvCreateImage itself; the engine is
+// linked in statically, so these replace the system's for the whole program.
+// Everything is off until a test turns it on.
+namespace interpose {
+// Every gettimeofday reading from now on advances the clock by this many
+// extra seconds (0: the real clock again, offset kept).
+void setClockStep(long seconds);
+// The n-th cvCreateImage call from now on (1 = the next one) throws the
+// cv::Exception of a failed allocation; 0 disarms.
+void failCreateImageAt(int n);
+// cvCreateImage calls since the last failCreateImageAt or reset.
+int createImageCalls();
+// Everything off, clock offset back to zero.
+void reset();
+}  // namespace interpose
 
 namespace robustness {
 
@@ -23,12 +39,10 @@ template <typename T>
 class Guarded {
  public:
   static constexpr size_t kGuard = 64;
-
   Guarded(size_t n, T fill, T guard) : m_words(n + 2 * kGuard, guard), m_n(n), m_guard(guard) {
     for (size_t i = 0; i < n; ++i) m_words[kGuard + i] = fill;
   }
   T* data() { return m_words.data() + kGuard; }
-  size_t size() const { return m_n; }
   std::vector<T> inner() const {
     return std::vector<T>(m_words.begin() + kGuard, m_words.begin() + kGuard + m_n);
   }
@@ -38,9 +52,6 @@ class Guarded {
     }
     return true;
   }
-  void fill(T value) {
-    for (size_t i = 0; i < m_n; ++i) m_words[kGuard + i] = value;
-  }
 
  private:
   std::vector<T> m_words;
@@ -49,14 +60,14 @@ class Guarded {
 };
 
 // A dark disc on a light, slightly noisy background (opaque ARGB).
-inline std::vector<unsigned int> discScene(int w, int h, unsigned seed = 5) {
-  std::mt19937 rng(seed);
+inline std::vector<unsigned int> discScene(int w, int h) {
+  std::mt19937 rng(5);
   std::vector<unsigned int> argb(static_cast<size_t>(w) * h);
   for (int y = 0; y < h; ++y) {
     for (int x = 0; x < w; ++x) {
       const int dx = 2 * x - w, dy = 2 * y - h;
-      const bool inside = dx * dx + dy * dy < (w * w + h * h) / 8;
-      const unsigned base = inside ? 0x30 : 0xC8, noise = rng() & 0x0F;
+      const unsigned base = dx * dx + dy * dy < (w * w + h * h) / 8 ? 0x30 : 0xC8;
+      const unsigned noise = rng() & 0x0F;
       argb[static_cast<size_t>(y) * w + x] =
           0xFF000000u | ((base + noise) << 16) | ((base + noise / 2) << 8) | (base + (noise ^ 3));
     }
@@ -64,7 +75,7 @@ inline std::vector<unsigned int> discScene(int w, int h, unsigned seed = 5) {
   return argb;
 }
 
-// Markers 4 inside the rectangle (corners inclusive), 0 elsewhere.
+// Markers `label` inside the rectangle (corners inclusive), 0 elsewhere.
 inline std::vector<int> boxMarks(int w, int h, int x1, int y1, int x2, int y2, int label = 4) {
   std::vector<int> marks(static_cast<size_t>(w) * h, 0);
   for (int y = y1; y <= y2; ++y)

@@ -1,21 +1,15 @@
 // The 10-second budget of a segmentation and the cancel from another thread.
-//
-// The budget test makes time fly instead of waiting: this program's
-// gettimeofday (Interpose.cpp) adds two seconds at every reading once the
-// request is under way, so the request overruns its budget within its first
-// iterations however fast the machine is.
-//
-// The cancel tests run requests on a reduced photo of the set, cancelled
-// from a second thread at random moments, and follow the cancel's lifetime
-// across requests.
+// The budget test makes time fly instead of waiting: Interpose.cpp's
+// gettimeofday adds two seconds at every reading, so the request overruns
+// its budget within its first iterations however fast the machine is.
 #include <android/log.h>
 
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
-#include <cstdio>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <random>
 #include <string>
 #include <thread>
@@ -26,15 +20,13 @@
 
 namespace {
 
-using robustness::Guarded;
 using robustness::HistorySnapshot;
 using robustness::RobustnessTest;
 
 constexpr const char* kTimeoutLine = "Segmentation canceled due to timeout";
 
 // One edit with a loop around the box: markers, path, request.
-int loopEdit(int w, int h, int x1, int y1, int x2, int y2, unsigned int* argb,
-             unsigned char* mask) {
+int loopEdit(int w, int h, int x1, int y1, int x2, int y2, unsigned int* argb, unsigned char* mask) {
   std::vector<int> marks = robustness::boxMarks(w, h, x1, y1, x2, y2);
   std::vector<int> path = {x1, y1, x2, y1, x2, y2, x1, y2};
   setMarkerImage(w, h, marks.data(), 0);
@@ -59,8 +51,8 @@ TEST_F(RobustnessTest, RequestOverItsBudgetEndsWithoutResultAndTheEngineGoesOn) 
   const HistorySnapshot before = HistorySnapshot::take();
 
   // A brush stroke that would remove a part, run on a clock that races.
-  Guarded<unsigned int> preview(src.size(), 0x01010101u, 0xFEEDFACEu);
-  Guarded<unsigned char> untouched(src.size(), 77, 0x5A);
+  robustness::Guarded<unsigned int> preview(src.size(), 0x01010101u, 0xFEEDFACEu);
+  robustness::Guarded<unsigned char> untouched(src.size(), 77, 0x5A);
   std::vector<int> marks = robustness::boxMarks(w, h, 55, 40, 65, 50, 1);
   setMarkerImage(w, h, marks.data(), 3);
   setCurrentMarkerVector(0, nullptr);
@@ -69,22 +61,20 @@ TEST_F(RobustnessTest, RequestOverItsBudgetEndsWithoutResultAndTheEngineGoesOn) 
     interpose::setClockStep(2);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(processSegment(0, 0, 0, preview.data(), untouched.data()), 0);
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
     interpose::setClockStep(0);
     EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "Error", kTimeoutLine), 1) << log.dump();
-    EXPECT_LT(seconds, 5.0) << "the request ended on its own budget, not on real time";
+    EXPECT_LT(taken.count(), 5.0) << "the request ended on its own budget, not on real time";
   }
   EXPECT_EQ(untouched.inner(), std::vector<unsigned char>(src.size(), 77)) << "no mask";
   EXPECT_EQ(preview.inner(), src) << "the plain (opaque) source is shown";
   EXPECT_TRUE(preview.guardsIntact() && untouched.guardsIntact());
   EXPECT_TRUE(HistorySnapshot::take() == before) << "the history is unchanged";
   EXPECT_EQ(g_cancelTimer, nullptr);
-  // A time-out the graph cut finds raises the cancel, which stays until a
-  // reset; lowered here so that the next request builds on the same history.
+  // A time-out raises the cancel, which stays until a reset; lowered here so
+  // that the next request builds on the same history.
   ZIRKSEMarker::m_exitApp = false;
 
-  // The next request runs to the end and adds to the history.
   LogCapture log;
   std::fill(mask.begin(), mask.end(), 9);
   EXPECT_EQ(loopEdit(w, h, 20, 15, 100, 75, argb.data(), mask.data()), 0);
@@ -94,67 +84,45 @@ TEST_F(RobustnessTest, RequestOverItsBudgetEndsWithoutResultAndTheEngineGoesOn) 
   EXPECT_TRUE(canUndo());
 }
 
-// --------------------------------------------------------- cancel, threaded
-
-// A photo of the set reduced to 480 x 360 (the working image is smaller, so
-// the full-resolution refinement runs), a first mask marked directly, and a
-// loop edit around the photo's rectangle.
-struct PhotoEdit {
-  int w = 480, h = 360, x1 = 0, y1 = 0, x2 = 0, y2 = 0;
-  std::vector<unsigned int> src;
-  std::vector<int> firstMarks;
-
-  bool load() {
-    if (!photoSetAvailable()) return false;
-    // A photo whose box cuts quickly, so that the refinement is a good share
-    // of the request.
-    const std::vector<std::string> names = photoNames();
-    const bool flower = std::find(names.begin(), names.end(), "flower") != names.end();
-    Photo photo = loadPhoto(flower ? "flower" : names.front());
-    cv::Mat small;
-    cv::resize(photo.image, small, cv::Size(w, h), 0, 0, cv::INTER_AREA);
-    src = toArgb(small);
-    const double sx = static_cast<double>(w) / photo.image.cols;
-    const double sy = static_cast<double>(h) / photo.image.rows;
-    x1 = std::max(0, static_cast<int>(photo.x1 * sx));
-    y1 = std::max(0, static_cast<int>(photo.y1 * sy));
-    x2 = std::min(w - 1, static_cast<int>(photo.x2 * sx));
-    y2 = std::min(h - 1, static_cast<int>(photo.y2 * sy));
-    firstMarks = robustness::boxMarks(w, h, (x1 + x2) / 2 - 5, (y1 + y2) / 2 - 5,
-                                      (x1 + x2) / 2 + 5, (y1 + y2) / 2 + 5, 2);
-    return true;
-  }
-  // A fresh edit sequence holding the first mask; the cancel is lowered.
-  void restart() {
-    resetSegmentationInterface();
-    std::vector<int> marks = firstMarks;
-    std::vector<unsigned int> argb(src.size());
-    std::vector<unsigned char> mask(src.size());
-    setMarkerImage(w, h, marks.data(), 0);
-    cutOutImage(0, 0, 0, argb.data(), mask.data());
-  }
-};
-
-// Cancels from a second thread at random moments of the whole request, from
-// the label image to the refinement and the clean-up. Whatever the moment,
-// the request either ends with no mask (plain source shown, mask buffer and
-// history untouched) or gives exactly the mask of an uncancelled run, which
-// then is the newest history entry. Built with -DSEGCORE_SANITIZE=thread it is
-// the data-race check of the cancel path.
+// Cancels from a second thread at random moments of a whole request on a
+// photo reduced to 480 x 360 (so the full-resolution refinement runs), from
+// the label image to the clean-up. Whatever the moment, the request either
+// ends with no mask (plain source shown, mask buffer and history untouched)
+// or gives exactly the mask of an uncancelled run, which then is the newest
+// history entry. Under ThreadSanitizer it is the data-race check of the cancel.
 TEST_F(RobustnessTest, CancelAtRandomMomentsNeverRecordsAWrongMask) {
-  PhotoEdit e;
-  if (!e.load()) GTEST_SKIP() << "photo set not available";
-  setSourceImage(e.w, e.h, e.src.data());
+  if (!photoSetAvailable()) GTEST_SKIP() << "photo set not available";
+  const int w = 480, h = 360;
+  // A photo whose box cuts quickly, so that the refinement is a good share of the request.
+  const Photo photo = loadPhoto("flower");
+  cv::Mat small;
+  cv::resize(photo.image, small, cv::Size(w, h), 0, 0, cv::INTER_AREA);
+  std::vector<unsigned int> src = toArgb(small);
+  const double sx = static_cast<double>(w) / photo.image.cols;
+  const double sy = static_cast<double>(h) / photo.image.rows;
+  const int x1 = std::max(0, static_cast<int>(photo.x1 * sx));
+  const int y1 = std::max(0, static_cast<int>(photo.y1 * sy));
+  const int x2 = std::min(w - 1, static_cast<int>(photo.x2 * sx));
+  const int y2 = std::min(h - 1, static_cast<int>(photo.y2 * sy));
+  const int cx = (x1 + x2) / 2, cy = (y1 + y2) / 2;
+  std::vector<int> firstMarks = robustness::boxMarks(w, h, cx - 5, cy - 5, cx + 5, cy + 5, 2);
+  std::vector<unsigned int> argb(src.size());
+  // A fresh edit sequence holding a first mask; the cancel is lowered.
+  const auto restart = [&] {
+    resetSegmentationInterface();
+    std::vector<unsigned char> mask(src.size());
+    setMarkerImage(w, h, firstMarks.data(), 0);
+    cutOutImage(0, 0, 0, argb.data(), mask.data());
+  };
+  setSourceImage(w, h, src.data());
   initSegmentationEngine(0);
-  e.restart();
+  restart();
   const HistorySnapshot first = HistorySnapshot::take();
   ASSERT_FALSE(first.newest.empty());
-  std::vector<unsigned int> argb(e.src.size());
-  std::vector<unsigned char> reference(e.src.size(), 7);
+  std::vector<unsigned char> reference(src.size(), 7);
   const auto t0 = std::chrono::steady_clock::now();
-  ASSERT_EQ(loopEdit(e.w, e.h, e.x1, e.y1, e.x2, e.y2, argb.data(), reference.data()), 0);
-  const double requestMs =
-      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+  ASSERT_EQ(loopEdit(w, h, x1, y1, x2, y2, argb.data(), reference.data()), 0);
+  const std::chrono::duration<double, std::milli> requestMs = std::chrono::steady_clock::now() - t0;
   ASSERT_GT(objectPixels(reference), 0);
   const HistorySnapshot done = HistorySnapshot::take();
   ASSERT_EQ(done.current, (first.current + 1) % 32);
@@ -166,11 +134,11 @@ TEST_F(RobustnessTest, CancelAtRandomMomentsNeverRecordsAWrongMask) {
   std::uniform_real_distribution<double> within(0.0, 1.0);
   int cancelled = 0, inRefinement = 0;
   for (int k = 0; k < runs; ++k) {
-    e.restart();
+    restart();
     ASSERT_TRUE(HistorySnapshot::take() == first);
     const auto delay = std::chrono::microseconds(
-        static_cast<long>(1200.0 * requestMs * (k + within(rng)) / runs));
-    std::vector<unsigned char> mask(e.src.size(), 123);
+        static_cast<long>(1200.0 * requestMs.count() * (k + within(rng)) / runs));
+    std::vector<unsigned char> mask(src.size(), 123);
     std::fill(argb.begin(), argb.end(), 0x01020304u);
     std::atomic<bool> go{false};
     std::thread canceller([&] {
@@ -180,22 +148,22 @@ TEST_F(RobustnessTest, CancelAtRandomMomentsNeverRecordsAWrongMask) {
     });
     LogCapture log;
     go = true;
-    EXPECT_EQ(loopEdit(e.w, e.h, e.x1, e.y1, e.x2, e.y2, argb.data(), mask.data()), 0);
+    EXPECT_EQ(loopEdit(w, h, x1, y1, x2, y2, argb.data(), mask.data()), 0);
     canceller.join();
     SCOPED_TRACE("cancel after " + std::to_string(delay.count()) + " us");
     if (std::count(mask.begin(), mask.end(), 123) == static_cast<long>(mask.size())) {
       ++cancelled;
       if (log.countPrefix("Info", "Passed:") > 0) ++inRefinement;
       EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "Error", kTimeoutLine), 1) << log.dump();
-      EXPECT_TRUE(argb == e.src) << "the preview is the plain source";
+      EXPECT_TRUE(argb == src) << "the preview is the plain source";
       EXPECT_TRUE(HistorySnapshot::take() == first) << "the history is unchanged";
     } else {
       EXPECT_TRUE(mask == reference) << "an uncancelled request gives the reference mask";
       EXPECT_TRUE(HistorySnapshot::take() == done);
     }
   }
-  std::printf("%d of %d requests cancelled (%d of them in the refinement or later); request "
-              "%.0f ms\n", cancelled, runs, inRefinement, requestMs);
+  std::printf("%d of %d requests cancelled (%d in the refinement or later); request %.0f ms\n",
+              cancelled, runs, inRefinement, requestMs.count());
   EXPECT_GT(cancelled, 0);
 }
 
@@ -209,7 +177,10 @@ TEST_F(RobustnessTest, CancelStaysRaisedUntilResetOrANewEngine) {
   std::vector<unsigned char> mask(src.size(), 9);
   setSourceImage(w, h, src.data());
   initSegmentationEngine(0);
-  auto edit = [&] { return loopEdit(w, h, 20, 15, 100, 75, argb.data(), mask.data()); };
+  const auto edit = [&] {
+    std::fill(mask.begin(), mask.end(), 9);
+    return loopEdit(w, h, 20, 15, 100, 75, argb.data(), mask.data());
+  };
 
   cancelSegmentation();
   for (int i = 0; i < 2; ++i) {
@@ -221,10 +192,8 @@ TEST_F(RobustnessTest, CancelStaysRaisedUntilResetOrANewEngine) {
   EXPECT_EQ(edit(), 0);
   EXPECT_GT(objectPixels(mask), 0);
 
-  // A new engine lowers it as well.
-  cancelSegmentation();
+  cancelSegmentation();  // a new engine lowers it as well
   initSegmentationEngine(0);
-  std::fill(mask.begin(), mask.end(), 9);
   EXPECT_EQ(edit(), 0);
   EXPECT_GT(objectPixels(mask), 0);
 

@@ -1,5 +1,5 @@
-// Tracked allocation: the leak report, misuse of the free functions, and the
-// exact log lines of each.
+// Tracked allocation: the leak report, misuse of the free functions, and a
+// whole edit sequence that must leave no tracked buffer behind.
 #include <android/log.h>
 #include <gtest/gtest.h>
 
@@ -13,9 +13,16 @@
 
 namespace {
 
-std::string pointerText(const void* p) {
-  char buf[64];
-  std::snprintf(buf, sizeof buf, "%p", p);
+const char kNoLeak[] = "No memory Leak found ";
+
+std::string leakLine(int bytes, const char* function, int line) {
+  return "Failed to deallocate " + std::to_string(bytes) + " bytes allocated in function : " +
+         function + ", Line : " + std::to_string(line);
+}
+
+std::string refusal(const char* what, const void* p, const char* function, int line) {
+  char buf[160];
+  std::snprintf(buf, sizeof buf, "Trying to %s %p in function : %s, Line : %d", what, p, function, line);
   return buf;
 }
 
@@ -28,88 +35,82 @@ class TrackedMemory : public ::testing::Test {
   LogCapture log;
 };
 
+// The report lists each unreleased block with its size (count x size for a
+// calloc), function and line: the tracked blocks newest first, then the
+// engine's own buffers; afterwards the stack is empty, and a listed block can
+// still be freed.
 TEST_F(TrackedMemory, LeakReportNamesEachLeakedBlockAndEmptiesTheStack) {
   void* first = ZIRK_Malloc(40, "alpha", 11);
   void* second = ZIRK_Calloc(3, 4, "beta", 22);
   void* third = ZIRK_Malloc(7, "gamma", 33);
+  void* kept = ZIRK_Malloc_Msg(24, "computeNlinks", 70);
+  ZIRK_Free_Msg(ZIRK_Calloc_Msg(5, 8, "initModel", 80), "initModel", 81);
   ZIRK_Free(first, "alpha", 12);
   ASSERT_TRUE(log.lines().empty()) << log.dump();
 
   ZIRK_check_memory_status();
-  ASSERT_EQ(log.lines().size(), 2u) << log.dump();
-  // Newest first; a calloc records count x size.
-  EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "TAG_MEM",
-                      "Failed to deallocate 7 bytes allocated in function : gamma, Line : 33"),
-            1);
-  EXPECT_EQ(log.lines()[1].text,
-            "Failed to deallocate 12 bytes allocated in function : beta, Line : 22");
-
+  const std::vector<std::string> expected = {leakLine(7, "gamma", 33), leakLine(12, "beta", 22),
+                                             leakLine(24, "computeNlinks", 70)};
+  ASSERT_EQ(log.lines().size(), expected.size()) << log.dump();
+  for (size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(log.lines()[i].text, expected[i]);
+    EXPECT_EQ(log.lines()[i].priority, ANDROID_LOG_ERROR);
+  }
   log.clear();
   ZIRK_check_memory_status();
-  EXPECT_EQ(log.count(ANDROID_LOG_INFO, "TAG_MEM", "No memory Leak found "), 1) << log.dump();
-  // The report only forgets the blocks: they are still ours to free.
+  EXPECT_EQ(log.count(ANDROID_LOG_INFO, "TAG_MEM", kNoLeak), 1) << log.dump();
   free(second);
   free(third);
-}
-
-TEST_F(TrackedMemory, UnknownOrNullPointersAreRefusedWithAWarning) {
-  void* untracked = ZIRK_Malloc_Msg(16, "plain", 5);
-  ZIRK_Free(untracked, "caller", 9);
-  ZIRK_Free(nullptr, "caller", 10);
-  ZIRK_Free_Msg(nullptr, "caller", 11);
-  ASSERT_EQ(log.lines().size(), 3u) << log.dump();
-  EXPECT_EQ(log.count(ANDROID_LOG_WARN, "TAG_MEM",
-                      "Trying to free invalid pointer : " + pointerText(untracked) +
-                          " in function : caller, Line : 9 !"),
-            1);
-  EXPECT_EQ(log.count(ANDROID_LOG_WARN, "TAG_MEM",
-                      "Trying to free invalid pointer : " + pointerText(nullptr) +
-                          " in function : caller, Line : 11 !"),
-            1);
-  // The untracked block was not freed by ZIRK_Free: this free is its only one
-  // (a sanitizer build would report a double free otherwise).
-  ZIRK_Free_Msg(untracked, "plain", 6);
-
-  // A tracked block is freed once; the second release only warns.
-  void* tracked = ZIRK_Malloc(8, "t", 1);
-  ZIRK_Free(tracked, "t", 2);
   log.clear();
-  ZIRK_Free(tracked, "t", 3);
-  EXPECT_EQ(log.countPrefix("TAG_MEM", "Trying to free invalid pointer"), 1) << log.dump();
+  ZIRK_Free_Msg(kept, "computeNlinks", 71);  // forgotten by the report, freed all the same
+  EXPECT_TRUE(log.lines().empty()) << log.dump();
 }
 
-TEST_F(TrackedMemory, ObjectManagersRecordAndForget) {
+// Frees and deletes of pointers the stack does not hold are refused with a
+// warning and free nothing (a sanitizer build reports any double free).
+TEST_F(TrackedMemory, UnknownNullOrReleasedPointersAreRefused) {
+  void* untracked = ZIRK_Malloc_Msg(16, "plain", 5);
+  void* tracked = ZIRK_Malloc(8, "t", 1);
   int* object = new int(5);
   int* array = new int[4];
   EXPECT_EQ(ZIRK_New_Mngr(object, "make", 1), object);
   EXPECT_EQ(ZIRK_New_Mngr(array, "make", 2), array);
   EXPECT_EQ(ZIRK_New_Mngr(nullptr, "make", 3), nullptr);
-  EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "TAG_MEM", "Allocation failed in function : make, Line : 3 !"),
-            1);
-
+  ZIRK_Free(tracked, "t", 2);
   EXPECT_EQ(ZIRK_Delete_Mngr(object, "drop", 4), 1);
   EXPECT_EQ(ZIRK_Delete_Array_Mngr(array, "drop", 5), 1);
+  ASSERT_EQ(log.lines().size(), 1u) << log.dump();
+  EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "TAG_MEM", "Allocation failed in function : make, Line : 3 !"), 1);
+
   log.clear();
-  // Forgotten once: a second release is refused.
+  ZIRK_Free(untracked, "caller", 9);
+  ZIRK_Free(nullptr, "caller", 10);
+  ZIRK_Free_Msg(nullptr, "caller", 11);
+  ZIRK_Free(tracked, "t", 3);
   EXPECT_EQ(ZIRK_Delete_Mngr(object, "drop", 6), 0);
   EXPECT_EQ(ZIRK_Delete_Array_Mngr(array, "drop", 7), 0);
-  EXPECT_EQ(log.count(ANDROID_LOG_WARN, "TAG_MEM",
-                      "Trying to delete invalid pointer : " + pointerText(object) +
-                          " in function : drop, Line : 6"),
-            1);
-  EXPECT_EQ(log.count(ANDROID_LOG_WARN, "TAG_MEM",
-                      "Trying to delete invalid pointer array: " + pointerText(array) +
-                          " in function : drop, Line : 7"),
-            1);
+  const std::vector<std::string> expected = {
+      refusal("free invalid pointer :", untracked, "caller", 9) + " !",
+      refusal("free invalid pointer :", nullptr, "caller", 10) + " !",
+      refusal("free invalid pointer :", nullptr, "caller", 11) + " !",
+      refusal("free invalid pointer :", tracked, "t", 3) + " !",
+      refusal("delete invalid pointer :", object, "drop", 6),
+      refusal("delete invalid pointer array:", array, "drop", 7)};
+  ASSERT_EQ(log.lines().size(), expected.size()) << log.dump();
+  for (size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(log.lines()[i].text, expected[i]);
+    EXPECT_EQ(log.lines()[i].priority, ANDROID_LOG_WARN);
+  }
+  ZIRK_Free_Msg(untracked, "plain", 6);  // its only free
   delete object;
   delete[] array;
+  log.clear();
   ZIRK_check_memory_status();
-  EXPECT_EQ(log.count(ANDROID_LOG_INFO, "TAG_MEM", "No memory Leak found "), 1);
+  EXPECT_EQ(log.count(ANDROID_LOG_INFO, "TAG_MEM", kNoLeak), 1) << log.dump();
 }
 
 TEST_F(TrackedMemory, FailedAllocationsLogTheirSize) {
-  // Sizes no allocator can satisfy. The sanitizer allocators would abort on
-  // these instead of returning null, so they are only asked for in plain builds.
+  // The sanitizer allocators abort on impossible sizes instead of returning null.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "sanitizer allocators abort on impossible sizes";
 #else
@@ -117,34 +118,16 @@ TEST_F(TrackedMemory, FailedAllocationsLogTheirSize) {
   EXPECT_EQ(ZIRK_Malloc_Msg(huge, "big", 1), nullptr);
   EXPECT_EQ(ZIRK_Calloc(huge, 4, "big", 2), nullptr);
   ASSERT_EQ(log.lines().size(), 2u) << log.dump();
-  char expected[160];
-  std::snprintf(expected, sizeof expected,
-                "Failed to allocate %lu bytes in function : big, Line : 1 !", huge);
-  EXPECT_EQ(log.lines()[0].text, expected);
-  EXPECT_EQ(log.lines()[0].priority, ANDROID_LOG_ERROR);
-  std::snprintf(expected, sizeof expected,
-                "Failed to allocate %lu bytes in function : big, Line : 2 !", huge * 4);
-  EXPECT_EQ(log.lines()[1].text, expected);
-  ZIRK_check_memory_status();  // nothing was pushed for the failure
-  EXPECT_EQ(log.count(ANDROID_LOG_INFO, "TAG_MEM", "No memory Leak found "), 1);
-#endif
-}
-
-// The engine's own buffers (the message family) are recorded as well: one
-// left unreleased is reported with its size, function and line; a released
-// one is not, and a block the report has listed can still be freed.
-TEST_F(TrackedMemory, LeakReportListsTheEnginesOwnBuffers) {
-  void* kept = ZIRK_Malloc_Msg(24, "computeNlinks", 70);
-  void* released = ZIRK_Calloc_Msg(5, 8, "initModel", 80);
-  ZIRK_Free_Msg(released, "initModel", 81);
-  ZIRK_check_memory_status();
-  ASSERT_EQ(log.lines().size(), 1u) << log.dump();
-  EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "TAG_MEM",
-                      "Failed to deallocate 24 bytes allocated in function : computeNlinks, Line : 70"),
-            1);
+  for (int i = 0; i < 2; ++i) {
+    const std::string bytes = std::to_string(i == 0 ? huge : huge * 4);
+    EXPECT_EQ(log.lines()[i].text, "Failed to allocate " + bytes + " bytes in function : big, Line : " +
+                                       std::to_string(i + 1) + " !");
+    EXPECT_EQ(log.lines()[i].priority, ANDROID_LOG_ERROR);
+  }
   log.clear();
-  ZIRK_Free_Msg(kept, "computeNlinks", 71);  // forgotten by the report, freed all the same
-  EXPECT_TRUE(log.lines().empty()) << log.dump();
+  ZIRK_check_memory_status();  // nothing was pushed for the failures
+  EXPECT_EQ(log.count(ANDROID_LOG_INFO, "TAG_MEM", kNoLeak), 1) << log.dump();
+#endif
 }
 
 // A whole edit sequence on a reduced image (refinement included), with a
@@ -156,10 +139,11 @@ TEST_F(TrackedMemory, EditSequenceAndTeardownLeaveNoBuffer) {
   std::vector<int> marks(argb.size(), 0), brush(argb.size(), 0);
   for (int y = 0; y < h; ++y) {
     for (int x = 0; x < w; ++x) {
+      const size_t i = static_cast<size_t>(y) * w + x;
       const bool disc = (x - 165) * (x - 165) + (y - 125) * (y - 125) < 70 * 70;
-      argb[static_cast<size_t>(y) * w + x] = disc ? 0xFF2040C0u + (x % 7) : 0xFFD0D0A0u - (y % 5);
-      if (x >= 80 && x <= 250 && y >= 40 && y <= 210) marks[static_cast<size_t>(y) * w + x] = 4;
-      if (x >= 160 && x <= 170 && y >= 120 && y <= 130) brush[static_cast<size_t>(y) * w + x] = 1;
+      argb[i] = disc ? 0xFF2040C0u + (x % 7) : 0xFFD0D0A0u - (y % 5);
+      if (x >= 80 && x <= 250 && y >= 40 && y <= 210) marks[i] = 4;
+      if (x >= 160 && x <= 170 && y >= 120 && y <= 130) brush[i] = 1;
     }
   }
   std::vector<int> path = {80, 40, 250, 40, 250, 210, 80, 210};
@@ -186,7 +170,7 @@ TEST_F(TrackedMemory, EditSequenceAndTeardownLeaveNoBuffer) {
   log.clear();
   ZIRK_check_memory_status();
   EXPECT_EQ(log.lines().size(), 1u) << log.dump();
-  EXPECT_EQ(log.count(ANDROID_LOG_INFO, "TAG_MEM", "No memory Leak found "), 1) << log.dump();
+  EXPECT_EQ(log.count(ANDROID_LOG_INFO, "TAG_MEM", kNoLeak), 1) << log.dump();
 }
 
 }  // namespace

@@ -14,26 +14,26 @@
 
 namespace {
 
+const std::string kLibrary = SEGCORE_LIBRARY_FILE;
+
 std::vector<std::string> runLines(const std::string& command) {
   std::vector<std::string> lines;
   FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return lines;
   char buf[4096];
-  while (fgets(buf, sizeof buf, pipe) != nullptr) {
+  while (pipe != nullptr && fgets(buf, sizeof buf, pipe) != nullptr) {
     std::string line(buf);
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+    line.erase(line.find_last_not_of("\r\n") + 1);
     lines.push_back(line);
   }
-  pclose(pipe);
+  if (pipe != nullptr) pclose(pipe);
   return lines;
 }
 
 // Names of the defined dynamic symbols ("address type name").
 std::set<std::string> definedSymbols(bool demangle) {
   std::set<std::string> names;
-  const std::string cmd = std::string("nm -D --defined-only ") + (demangle ? "-C " : "") + "'" +
-                          SEGCORE_LIBRARY_FILE + "'";
-  for (const std::string& line : runLines(cmd)) {
+  for (const std::string& line :
+       runLines(std::string("nm -D --defined-only ") + (demangle ? "-C '" : "'") + kLibrary + "'")) {
     const size_t first = line.find(' ');
     const size_t second = first == std::string::npos ? first : line.find(' ', first + 1);
     if (second != std::string::npos) names.insert(line.substr(second + 1));
@@ -41,53 +41,32 @@ std::set<std::string> definedSymbols(bool demangle) {
   return names;
 }
 
-std::vector<std::string> expectedNames() {
-  std::vector<std::string> names;
+TEST(SharedLibrary, SonameAndExportedNames) {
+  const std::vector<std::string> dynamic = runLines("readelf -d '" + kLibrary + "' | grep SONAME");
+  ASSERT_EQ(dynamic.size(), 1u) << "no SONAME entry";
+  EXPECT_NE(dynamic[0].find("[libSegmentationCore.camera.norvane.so]"), std::string::npos) << dynamic[0];
+
+  const std::set<std::string> demangled = definedSymbols(true), raw = definedSymbols(false);
+  ASSERT_FALSE(raw.empty()) << "nm read nothing from " << kLibrary;
+  int listed = 0;
   DIR* dir = opendir(SEGCORE_SYMBOL_LISTS);
-  if (dir == nullptr) return names;
-  std::vector<std::string> files;
-  while (dirent* e = readdir(dir)) {
+  ASSERT_NE(dir, nullptr);
+  while (const dirent* e = readdir(dir)) {
     const std::string f = e->d_name;
-    if (f.size() > 4 && f.compare(f.size() - 4, 4, ".txt") == 0) files.push_back(f);
-  }
-  closedir(dir);
-  for (const std::string& f : files) {
+    if (f.size() <= 4 || f.compare(f.size() - 4, 4, ".txt") != 0) continue;
     std::ifstream in(std::string(SEGCORE_SYMBOL_LISTS) + "/" + f);
-    std::string line;
-    while (std::getline(in, line)) {
-      if (!line.empty() && line[0] != '#') names.push_back(line);
+    for (std::string name; std::getline(in, name);) {
+      if (name.empty() || name[0] == '#') continue;
+      ++listed;
+      const bool cxx = name.find('(') != std::string::npos || name.find("::") != std::string::npos;
+      EXPECT_TRUE((cxx ? demangled : raw).count(name) > 0) << "not exported: " << name;
     }
   }
-  return names;
-}
-
-TEST(SharedLibrary, SonameIsTheLibraryFileName) {
-  bool found = false;
-  for (const std::string& line : runLines(std::string("readelf -d '") + SEGCORE_LIBRARY_FILE + "'")) {
-    if (line.find("(SONAME)") == std::string::npos) continue;
-    found = true;
-    EXPECT_NE(line.find("[libSegmentationCore.camera.norvane.so]"), std::string::npos) << line;
-  }
-  EXPECT_TRUE(found) << "no SONAME entry";
-}
-
-TEST(SharedLibrary, ExportsEveryListedName) {
-  const std::set<std::string> demangled = definedSymbols(true);
-  const std::set<std::string> raw = definedSymbols(false);
-  ASSERT_FALSE(raw.empty()) << "nm read nothing from " << SEGCORE_LIBRARY_FILE;
-  const std::vector<std::string> expected = expectedNames();
-  ASSERT_GT(expected.size(), 10u);
-  for (const std::string& name : expected) {
-    const bool cxx = name.find('(') != std::string::npos || name.find("::") != std::string::npos;
-    EXPECT_TRUE(cxx ? demangled.count(name) > 0 : raw.count(name) > 0) << "not exported: " << name;
-  }
-}
-
-TEST(SharedLibrary, HelpersStayHidden) {
-  const std::set<std::string> demangled = definedSymbols(true);
-  for (const std::string& name : demangled) {
+  closedir(dir);
+  EXPECT_GT(listed, 10);
+  // Helpers in anonymous namespaces stay hidden.
+  for (const std::string& name : demangled)
     EXPECT_EQ(name.find("(anonymous namespace)"), std::string::npos) << name;
-  }
 }
 
 }  // namespace

@@ -9,45 +9,33 @@
 
 namespace {
 
-constexpr int kWidth = 200, kHeight = 150;
-constexpr int kCx = 100, kCy = 75, kRadius = 40;
+constexpr int kWidth = 200, kHeight = 150, kCx = 100, kCy = 75, kRadius = 40;
 
-bool inDisc(int x, int y) {
-  const int dx = x - kCx, dy = y - kCy;
-  return dx * dx + dy * dy <= kRadius * kRadius;
-}
+bool inDisc(int x, int y) { return (x - kCx) * (x - kCx) + (y - kCy) * (y - kCy) <= kRadius * kRadius; }
 
 // Deterministic noise in [-12, 12]; unsigned arithmetic wraps without UB.
 uint32_t g_state = 12345u;
-int noise() {
+uint32_t noisy(int base) {
   g_state = g_state * 1664525u + 1013904223u;
-  return static_cast<int>((g_state >> 24) % 25u) - 12;
-}
-
-uint32_t argb(int r, int g, int b) {
-  return 0xFF000000u | (static_cast<uint32_t>(r) << 16) | (static_cast<uint32_t>(g) << 8) |
-         static_cast<uint32_t>(b);
+  return static_cast<uint32_t>(base + static_cast<int>((g_state >> 24) % 25u) - 12);
 }
 
 double cutDiscIoU() {
   std::vector<unsigned int> image(kWidth * kHeight);
-  for (int y = 0; y < kHeight; ++y) {
-    for (int x = 0; x < kWidth; ++x) {
-      const int base = inDisc(x, y) ? 215 : 35;
-      image[y * kWidth + x] = argb(base + noise(), base + noise(), base - 10 + noise());
-    }
+  for (int i = 0; i < kWidth * kHeight; ++i) {
+    const int base = inDisc(i % kWidth, i / kWidth) ? 215 : 35;
+    image[i] = 0xFF000000u | noisy(base) << 16 | noisy(base) << 8 | noisy(base - 10);
   }
   std::vector<unsigned char> mask(kWidth * kHeight, 128);
-  doSegmentationBB(kWidth, kHeight, image.data(), kCx - kRadius - 12, kCy - kRadius - 12,
-                   kCx + kRadius + 12, kCy + kRadius + 12, mask.data());
+  const int margin = kRadius + 12;
+  doSegmentationBB(kWidth, kHeight, image.data(), kCx - margin, kCy - margin, kCx + margin,
+                   kCy + margin, mask.data());
   deinitSegmentation();
   long both = 0, either = 0;
-  for (int y = 0; y < kHeight; ++y) {
-    for (int x = 0; x < kWidth; ++x) {
-      const bool cut = mask[y * kWidth + x] == 0;  // 0 = object
-      both += cut && inDisc(x, y);
-      either += cut || inDisc(x, y);
-    }
+  for (int i = 0; i < kWidth * kHeight; ++i) {
+    const bool cut = mask[i] == 0, disc = inDisc(i % kWidth, i / kWidth);  // 0 = object
+    both += cut && disc;
+    either += cut || disc;
   }
   return either == 0 ? 0.0 : static_cast<double>(both) / static_cast<double>(either);
 }
@@ -68,11 +56,8 @@ bool liveWireReachesSeed() {
   cvReleaseImage(&labels);
   if (parents.size() != static_cast<size_t>(w * h) || parents[0] != 0) return false;
   for (int start = 0; start < w * h; ++start) {
-    int p = start, steps = 0;
-    while (p != 0 && p >= 0 && steps < w * h) {
-      p = parents[p];
-      ++steps;
-    }
+    int p = start;
+    for (int steps = 0; p > 0 && steps < w * h; ++steps) p = parents[p];
     if (p != 0) return false;
   }
   return true;

@@ -51,7 +51,8 @@ void expectArcsRestored(const ZIRKSEGraph& g, const GridGraph& s) {
 }
 
 // addtWeights adds up and counts the smaller side as flow at once; a node
-// left without terminal capacity starts free and stays out of the active queue.
+// left without terminal capacity starts free and stays out of the active
+// queue; a grid larger than the graph's arrays is refused.
 TEST_F(MaxFlow, TerminalWeightsPreFlowAndFreeNodes) {
   ZIRKSEGraph g(3, 24, 3, 1, 0);
   g.addNode(3);
@@ -66,7 +67,14 @@ TEST_F(MaxFlow, TerminalWeightsPreFlowAndFreeNodes) {
   EXPECT_TRUE(g.m_nodes[1].tree == FREE && g.m_nodes[1].next == nullptr);
   EXPECT_TRUE(g.m_activeFirst == &g.m_nodes[0] && g.m_activeLast == &g.m_nodes[2]);
   EXPECT_EQ(g.maxFlowSerialCall(), 7.0f);
-  EXPECT_EQ(g.getTreeofNode(1), 0);  // free nodes count as object
+  EXPECT_TRUE(g.m_nodes[1].tree == FREE && g.getTreeofNode(1) == 0);  // free nodes count as object
+
+  LogCapture log;
+  ZIRKSEGraph small(4, 4, 4, 4, 0);  // room for 16 nodes and 32 arc floats; the 4x4 grid needs 128
+  small.addNode(16);
+  small.addtWeights(0, 3.0f, 1.0f);
+  EXPECT_EQ(small.maxFlow(), 1.0f);  // only the pre-flow
+  EXPECT_EQ(log.countPrefix("Error", "ZIRKSEGraph::maxFlow"), 1) << log.dump();
 }
 
 // An orphan with two candidate parents at the same distance from its
@@ -111,59 +119,44 @@ TEST_F(MaxFlow, AddToEdgeChangesOnlyAnExistingArcToANeighbour) {
 }
 
 // Cancelled before the call: the serial solver returns the pre-flow with
-// every node still as maxflowInit left it; the parallel one still restores
-// every arc it removed.
-TEST_F(MaxFlow, CancelBeforeTheCall) {
+// every node as maxflowInit left it; the parallel one still restores every
+// arc it removed. A spent budget ends a solve after the first scanned node
+// and cancels the whole segmentation; a budget of 9 s does not.
+TEST_F(MaxFlow, CancelAndSpentBudget) {
   std::mt19937 rng(8);
   ZIRKSEMarker::m_exitApp = true;
-  const GridGraph s = randomGrid(rng, 12, 9, false);
-  ZIRKSEGraph g(108, 864, 12, 9, 0);
+  const GridGraph s = randomGrid(rng, 12, 9, false), c = randomGrid(rng, 30, 20, false);
+  ZIRKSEGraph g(108, 864, 12, 9, 0), blocks(600, 4800, 30, 20, 4);
   fill(g, s);
   const float preFlow = g.m_flow;
   EXPECT_EQ(g.maxFlow(), preFlow);
-  for (int p = 0; p < 108; ++p) {
-    EXPECT_EQ(g.m_nodes[p].parent, g.m_nodes[p].tr_cap == 0.0f ? ORPHAN : TERMINAL);
-  }
-  const GridGraph c = randomGrid(rng, 30, 20, false);
-  ZIRKSEGraph blocks(600, 4800, 30, 20, 4);
+  for (int p = 0; p < 108; ++p) EXPECT_EQ(g.m_nodes[p].parent, g.m_nodes[p].tr_cap == 0.0f ? ORPHAN : TERMINAL);
   fill(blocks, c);
   EXPECT_EQ(blocks.maxFlow(), 0.0f);
   expectArcsRestored(blocks, c);
   EXPECT_TRUE(ZIRKSEMarker::m_exitApp);
-}
 
-// A spent budget ends the solve after the first scanned node and cancels
-// the whole segmentation; a budget of 9 s does not.
-TEST_F(MaxFlow, SpentBudgetEndsTheSolveAfterOneIterationAndRaisesTheFlag) {
+  ZIRKSEMarker::m_exitApp = false;
   g_cancelTimer = create_timer();
   start_cpu_timer(g_cancelTimer);
   for (int spent : {9, 11}) {
     g_cancelTimer->start.tv_sec -= spent == 9 ? 9 : 2;
-    ZIRKSEGraph g(6, 48, 6, 1, 0);  // a chain from node 0 (source) to node 5 (sink)
-    g.addNode(6);
-    g.addtWeights(0, 5.0f, 0.0f);
-    g.addtWeights(5, 0.0f, 5.0f);
-    for (int p = 0; p < 6; ++p) {
-      g.addEdge(p, p - 1, 10.0f, 10.0f, p == 0);
-      for (int k = 1; k < 4; ++k) g.addEdge(p, -1, 0.0f, 0.0f, true);
+    ZIRKSEGraph chain(6, 48, 6, 1, 0);  // from node 0 (source) to node 5 (sink)
+    chain.addNode(6);
+    chain.addtWeights(0, 5.0f, 0.0f);
+    chain.addtWeights(5, 0.0f, 5.0f);
+    for (int i = 0; i < 24; ++i) {
+      if (i % 4 == 0) chain.addEdge(i / 4, i / 4 - 1, 10.0f, 10.0f, i == 0);
+      if (i % 4 != 0) chain.addEdge(i / 4, -1, 0.0f, 0.0f, true);
     }
-    EXPECT_EQ(g.maxFlow(), spent == 9 ? 5.0f : 0.0f);
+    EXPECT_EQ(chain.maxFlow(), spent == 9 ? 5.0f : 0.0f);
     EXPECT_EQ(ZIRKSEMarker::m_exitApp, spent == 11);
-    EXPECT_EQ(checkTrees(g), "");
+    EXPECT_EQ(checkTrees(chain), "");
     if (spent == 11) {  // node 0 was scanned and grew into node 1; nothing further happened
-      EXPECT_TRUE(g.m_nodes[1].tree == SOURCE && g.m_nodes[2].tree == FREE);
-      EXPECT_TRUE(g.m_activeFirst == &g.m_nodes[5] && g.m_activeLast == &g.m_nodes[1]);
+      EXPECT_TRUE(chain.m_nodes[1].tree == SOURCE && chain.m_nodes[2].tree == FREE);
+      EXPECT_TRUE(chain.m_activeFirst == &chain.m_nodes[5] && chain.m_activeLast == &chain.m_nodes[1]);
     }
   }
-}
-
-TEST_F(MaxFlow, GridLargerThanTheArraysIsRefused) {
-  LogCapture log;
-  ZIRKSEGraph g(4, 4, 4, 4, 0);  // room for 16 nodes and 32 arc floats; the 4x4 grid needs 128
-  g.addNode(16);
-  g.addtWeights(0, 3.0f, 1.0f);
-  EXPECT_EQ(g.maxFlow(), 1.0f);  // only the pre-flow
-  EXPECT_EQ(log.countPrefix("Error", "ZIRKSEGraph::maxFlow"), 1) << log.dump();
 }
 
 // Arc slots never written count as absent arcs; nodes never added are free

@@ -170,7 +170,8 @@ inline std::string checkTrees(const ZIRKSEGraph& g) {
       const int tail = a % 2 == 0 ? a / 8 : q, head = a % 2 == 0 ? q : a / 8;
       if (steps > n || tail != cur || head < 0 || head >= n)
         return why.str() + "chain of node " + std::to_string(p) + " cycles or leaves the grid";
-      if (!((v.tree == SOURCE ? g.m_arcs[a ^ 1] : g.m_arcs[a]) > 0.0f)) why << "saturated parent arc at " << cur << "; ";
+      if (!((v.tree == SOURCE ? g.m_arcs[a ^ 1] : g.m_arcs[a]) > 0.0f))
+        why << "saturated parent arc at " << cur << "; ";
       if (g.m_nodes[head].tree != v.tree) why << "parent of node " << cur << " in another tree; ";
       cur = head;
     }

@@ -282,13 +282,12 @@ TEST_F(MaxFlow, PhotoGraphsGiveTheSerialFlowForEveryBlockCount) {
     const Photo photo = loadPhoto(names[i]);
     ASSERT_FALSE(photo.image.empty()) << names[i];
     const GridGraph s = photoGraph(photo.image, photo.x1, photo.y1, photo.x2, photo.y2, 160, 120);
-    ZIRKSEGraph serial(s.nodes(), 8 * s.nodes(), s.w, s.h, 0);
-    fill(serial, s);
-    const double flow = serial.maxFlow();
+    double flow = 0.0;  // the serial solve's, first
     for (int blocks : {0, 2, 3, 4, 6, 8, 9, 16}) {
       ZIRKSEGraph g(s.nodes(), 8 * s.nodes(), s.w, s.h, blocks);
       fill(g, s);
-      g.maxFlow();
+      const double solved = g.maxFlow();
+      if (blocks == 0) flow = solved;
       EXPECT_NEAR(cutCapacity(s, sinkSideOf(g, s.nodes())), flow, 1e-4 * flow)
           << names[i] << ", " << blocks;
       EXPECT_EQ(checkTrees(g), "") << names[i] << ", " << blocks << " blocks";

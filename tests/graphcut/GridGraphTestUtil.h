@@ -1,6 +1,6 @@
 // Helpers for the grid-graph tests and the max-flow benchmark: an explicit
-// grid graph, a plain max-flow oracle, cut evaluation, a search-tree
-// consistency check, and graphs built from photos.
+// grid graph, a plain max-flow oracle, cut capacity, a search-tree check,
+// and graphs built from photos.
 #pragma once
 
 #include <opencv2/core.hpp>
@@ -26,8 +26,7 @@ struct Slot {
   bool absent = true;
 };
 
-// A grid graph as the caller builds it: terminal capacities per node and
-// four edge slots per node: left, up-left, up, up-right.
+// Terminal capacities per node and four edge slots per node: left, up-left, up, up-right.
 struct GridGraph {
   explicit GridGraph(int width = 0, int height = 0)
       : w(width), h(height), src(w * h), snk(w * h), e(4 * w * h) {}
@@ -38,26 +37,26 @@ struct GridGraph {
 };
 using ImageGraph = GridGraph;
 
-// Neighbour of node p through edge slot k (0 left, 1 up-left, 2 up, 3 up-right), or -1.
+// Neighbour of node p through edge slot k, or -1 outside the grid.
 inline int slotNeighbour(int w, int p, int k) {
   static const int kDx[4] = {-1, -1, 0, 1}, kDy[4] = {0, -1, -1, -1};
   const int x = p % w + kDx[k], y = p / w + kDy[k];
   return x >= 0 && x < w && y >= 0 ? y * w + x : -1;
 }
 
-// Random grid graph. integral: small integer capacities, so every sum is
-// exact in float and the cut itself is determined.
+// Random grid graph; integral: small integer capacities, so every sum is
+// exact in float and the cut itself is determined. A third of the nodes
+// hang from the source, a third from the sink, the rest are free or carry
+// both links; a tenth of the slots are absent, a tenth of each direction 0.
 inline GridGraph randomGrid(std::mt19937& rng, int w, int h, bool integral) {
   GridGraph s(w, h);
   std::uniform_real_distribution<float> u(0.0f, 1.0f);
   auto value = [&](float scale) { return integral ? std::floor(u(rng) * scale) : u(rng) * scale; };
   for (int p = 0; p < w * h; ++p) {
-    // A third of the nodes hang from the source, a third from the sink, the
-    // rest are free or carry both links.
     const float r = u(rng);
     s.src[p] = r < 0.33f ? value(12.0f) : (r < 0.5f ? value(6.0f) : 0.0f);
     s.snk[p] = r > 0.66f ? value(12.0f) : (r > 0.4f && r < 0.5f ? value(6.0f) : 0.0f);
-    for (int k = 0; k < 4; ++k) {  // a tenth absent, a tenth of each direction at 0
+    for (int k = 0; k < 4; ++k) {
       const float r2 = u(rng);
       s.e[4 * p + k] = Slot{r2 < 0.2f ? 0.0f : value(8.0f), u(rng) < 0.1f ? 0.0f : value(8.0f),
                             slotNeighbour(w, p, k) < 0 || r2 < 0.1f};
@@ -70,63 +69,49 @@ inline GridGraph randomGrid(std::mt19937& rng, int w, int h, bool integral) {
 inline void fill(ZIRKSEGraph& g, const GridGraph& s) {
   g.addNode(s.nodes());
   for (int p = 0; p < s.nodes(); ++p) g.addtWeights(p, s.src[p], s.snk[p]);
-  for (int i = 0; i < 4 * s.nodes(); ++i) {
+  for (int i = 0; i < 4 * s.nodes(); ++i)
     g.addEdge(i / 4, slotNeighbour(s.w, i / 4, i % 4), s.e[i].cap, s.e[i].rev, s.e[i].absent);
-  }
 }
 
 struct OracleResult {
   double flow = 0.0;
-  std::vector<bool> sinkSide;  // per grid node: can still reach the sink in the residual graph
+  std::vector<bool> sinkSide;  // per node: can still reach the sink in the residual graph
 };
 
-// Plain max-flow on an explicit arc list (shortest augmenting paths by
-// breadth-first search, in double precision); source and sink are nodes n, n+1.
+// Plain max-flow (shortest augmenting paths, double precision) on an explicit
+// arc list; arc e and its partner e ^ 1; source and sink are nodes n, n + 1.
 inline OracleResult solveWithOracle(const GridGraph& s) {
   const int n = s.nodes(), src = n, snk = n + 1;
   std::vector<std::vector<int>> adj(n + 2);
   std::vector<int> to;
   std::vector<double> res;
-  // Arc e from u to v and its partner e ^ 1 back, with their capacities.
   auto arc = [&](int u, int v, double there, double back) {
-    for (int i = 0; i < 2; ++i) {
-      adj[i ? v : u].push_back(static_cast<int>(to.size()));
-      to.push_back(i ? u : v);
-      res.push_back(i ? back : there);
-    }
+    adj[u].push_back(static_cast<int>(to.size()));
+    to.push_back(v), res.push_back(there);
+    adj[v].push_back(static_cast<int>(to.size()));
+    to.push_back(u), res.push_back(back);
   };
   for (int p = 0; p < n; ++p) {
     arc(src, p, s.src[p], 0.0);
     arc(p, snk, s.snk[p], 0.0);
-    for (int k = 0; k < 4; ++k) {
-      const Slot& e = s.e[4 * p + k];
-      if (!e.absent) arc(p, slotNeighbour(s.w, p, k), e.cap, e.rev);
-    }
+    for (int k = 0; k < 4; ++k)
+      if (!s.e[4 * p + k].absent) arc(p, slotNeighbour(s.w, p, k), s.e[4 * p + k].cap, s.e[4 * p + k].rev);
   }
-  // Breadth-first search; backward follows arcs into the reached nodes.
-  std::vector<int> via;
+  std::vector<int> via;  // breadth-first search; backward follows arcs into the reached nodes
   auto search = [&](int from, bool backward) {
     via.assign(n + 2, -1);
     via[from] = -2;
     std::queue<int> q;
-    for (q.push(from); !q.empty(); q.pop()) {
-      for (int e : adj[q.front()]) {
-        if (via[to[e]] == -1 && res[backward ? e ^ 1 : e] > 1e-9) {
-          via[to[e]] = e;
-          q.push(to[e]);
-        }
-      }
-    }
+    for (q.push(from); !q.empty(); q.pop())
+      for (int e : adj[q.front()])
+        if (via[to[e]] == -1 && res[backward ? e ^ 1 : e] > 1e-9) via[to[e]] = e, q.push(to[e]);
     return via[snk] != -1;
   };
   OracleResult r;
   while (search(src, false)) {
     double f = std::numeric_limits<double>::infinity();
     for (int v = snk; v != src; v = to[via[v] ^ 1]) f = std::min(f, res[via[v]]);
-    for (int v = snk; v != src; v = to[via[v] ^ 1]) {
-      res[via[v]] -= f;
-      res[via[v] ^ 1] += f;
-    }
+    for (int v = snk; v != src; v = to[via[v] ^ 1]) res[via[v]] -= f, res[via[v] ^ 1] += f;
     r.flow += f;
   }
   search(snk, true);
@@ -154,19 +139,13 @@ inline std::vector<bool> sinkSideOf(ZIRKSEGraph& g, int n) {
   return side;
 }
 
-// Tail and head of an arc, read from the slot table (independent of the
-// graph's offset arithmetic): even slots leave node p, odd slots enter it.
-inline void arcEnds(int w, int arc, int* tail, int* head) {
-  const int p = arc / 8, q = slotNeighbour(w, p, arc % 8 / 2);
-  *tail = arc % 2 == 0 ? p : q;
-  *head = arc % 2 == 0 ? q : p;
-}
-
 // Invariants of the search trees after a solve: a tree node's parent arc
-// leaves it, has residual capacity in the tree's direction and leads into
-// the same tree; chains end at a terminal root of the right sign or at a
-// queued orphan; free nodes have no parent; both queues end at their tail
-// and hold no node twice. Empty string when all hold.
+// leaves it (tail and head read from the slot table: even arcs leave node
+// arc / 8), has residual capacity in the tree's direction and leads into the
+// same tree; chains end at a terminal root of the right sign or a queued
+// orphan; free nodes have no parent; both queues end at their tail without
+// repeats; a finished solve leaves no residual arc out of the source tree or
+// into the sink tree. Empty string when all hold.
 inline std::string checkTrees(const ZIRKSEGraph& g) {
   std::ostringstream why;
   const int n = g.m_width * g.m_height;
@@ -182,18 +161,15 @@ inline std::string checkTrees(const ZIRKSEGraph& g) {
   for (int p = 0; p < n; ++p) {
     const nodes& v = g.m_nodes[p];
     if (v.tree != SOURCE && v.tree != SINK) {
-      if (v.tree != FREE || v.parent != ORPHAN)
-        why << "node " << p << " free with a parent or in no tree; ";
+      if (v.tree != FREE || v.parent != ORPHAN) why << "node " << p << " free with a parent; ";
       continue;
     }
     int cur = p;
     for (int steps = 0; g.m_nodes[cur].parent >= 0; ++steps) {
-      const int a = g.m_nodes[cur].parent;
-      int tail = 0, head = 0;
-      arcEnds(g.m_width, a, &tail, &head);
-      if (steps > n || tail != cur || head < 0 || head >= n) {
+      const int a = g.m_nodes[cur].parent, q = slotNeighbour(g.m_width, a / 8, a % 8 / 2);
+      const int tail = a % 2 == 0 ? a / 8 : q, head = a % 2 == 0 ? q : a / 8;
+      if (steps > n || tail != cur || head < 0 || head >= n)
         return why.str() + "chain of node " + std::to_string(p) + " cycles or leaves the grid";
-      }
       if (!((v.tree == SOURCE ? g.m_arcs[a ^ 1] : g.m_arcs[a]) > 0.0f))
         why << "saturated parent arc at " << cur << "; ";
       if (g.m_nodes[head].tree != v.tree) why << "parent of node " << cur << " in another tree; ";
@@ -201,32 +177,25 @@ inline std::string checkTrees(const ZIRKSEGraph& g) {
     }
     const nodes& root = g.m_nodes[cur];
     if (root.parent == TERMINAL ? !(v.tree == SOURCE ? root.tr_cap > 0.0f : root.tr_cap < 0.0f)
-                                : !orphans.count(&root)) {
-      why << "chain of node " << p << " ends in node " << cur
-          << ", no terminal root or queued orphan; ";
-    }
+                                : !orphans.count(&root))
+      why << "chain of node " << p << " ends in node " << cur << ", no root or queued orphan; ";
   }
-  // A finished solve leaves no residual arc out of the source tree or into
-  // the sink tree: both trees have grown as far as they can.
   for (int p = 0; g.m_activeFirst == nullptr && p < n; ++p) {
     for (int k = 0; k < 4; ++k) {
       const int q = slotNeighbour(g.m_width, p, k);
       for (int d = 0; q >= 0 && d < 2; ++d) {  // arc p -> q, then q -> p
         const int from = g.m_nodes[d ? q : p].tree, to = g.m_nodes[d ? p : q].tree;
-        if (from != to && from != SINK && to != SOURCE && g.m_arcs[8 * p + 2 * k + d] > 0.0f) {
-          why << "residual arc " << 8 * p + 2 * k + d
-              << " leaves the source tree or enters the sink tree; ";
-        }
+        if (from != to && from != SINK && to != SOURCE && g.m_arcs[8 * p + 2 * k + d] > 0.0f)
+          why << "residual arc " << 8 * p + 2 * k + d << " leaves the source tree or enters the sink tree; ";
       }
     }
   }
   return why.str();
 }
 
-// ---- Graphs from photos, built as the segmentation does in spirit: inside
-// the rectangle t-links are -log of the other region's colour histogram,
-// outside it the pixel is tied to the sink; edges weigh
-// 50 * exp(-beta |dI|^2) / distance.
+// A graph from a photo, in the spirit of the segmentation: inside the
+// rectangle t-links are -log of the other region's colour histogram, outside
+// it the pixel is tied to the sink; edges weigh 50 exp(-beta |dI|^2) / distance.
 inline GridGraph imageGraph(const cv::Mat& bgr, cv::Rect rect) {
   GridGraph g(bgr.cols, bgr.rows);
   const int n = g.nodes();
@@ -246,20 +215,17 @@ inline GridGraph imageGraph(const cv::Mat& bgr, cv::Rect rect) {
   }
   std::vector<double> d2(4 * n, -1.0);
   double sum = 0.0, count = 0.0;
-  for (int p = 0; p < n; ++p) {
-    for (int k = 0; k < 4; ++k) {
-      const int q = slotNeighbour(g.w, p, k);
-      if (q < 0) continue;
-      const cv::Vec3d d = colour(p) - colour(q);
-      sum += d2[4 * p + k] = d.dot(d);
-      count += 1.0;
-    }
+  for (int i = 0; i < 4 * n; ++i) {
+    const int q = slotNeighbour(g.w, i / 4, i % 4);
+    if (q < 0) continue;
+    const cv::Vec3d d = colour(i / 4) - colour(q);
+    sum += d2[i] = d.dot(d);
+    count += 1.0;
   }
   const double beta = sum > 0.0 ? count / (2.0 * sum) : 0.0;
   for (int i = 0; i < 4 * n; ++i) {
     if (d2[i] < 0.0) continue;
-    const float c =
-        static_cast<float>(50.0 * std::exp(-beta * d2[i]) / (i % 2 == 1 ? std::sqrt(2.0) : 1.0));
+    const float c = static_cast<float>(50.0 * std::exp(-beta * d2[i]) / (i % 2 == 1 ? std::sqrt(2.0) : 1.0));
     g.e[i] = Slot{c, c, false};
   }
   return g;

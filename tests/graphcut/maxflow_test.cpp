@@ -1,10 +1,11 @@
 // The grid graph's serial and parallel max-flow against a plain max-flow
-// oracle, the small cases whose outcome is a deliberate choice, and the
-// parallel solver's block grid and merge bookkeeping.
+// oracle, the small cases whose outcome is a deliberate choice, the parallel
+// solver's block grid and merge bookkeeping, and refills that keep the flow.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include "common/LogCapture.h"
@@ -49,47 +50,31 @@ void expectArcsRestored(const ZIRKSEGraph& g, const GridGraph& s) {
     ASSERT_EQ(g.m_arcs[2 * i] == kAbsentArc, s.e[i].absent) << i;
 }
 
-// Grids from 1x1 and single rows/columns up to 40x30, real and integer capacities.
-TEST_F(MaxFlow, SerialRandomGridsGiveTheOracleCut) {
-  std::mt19937 rng(1234);
-  std::uniform_int_distribution<int> wd(1, 40), hd(1, 30);
-  const std::pair<int, int> fixed[] = {{1, 1}, {1, 2}, {2, 1}, {1, 17}, {23, 1}, {2, 2}, {40, 30}};
-  for (int trial = 0; trial < 300; ++trial) {
-    const auto [w, h] = trial / 2 < 7 ? fixed[trial / 2] : std::pair<int, int>{wd(rng), hd(rng)};
-    const GridGraph s = randomGrid(rng, w, h, trial % 2 == 1);
-    ZIRKSEGraph g(w * h, 8 * w * h, w, h, 0);
-    fill(g, s);
-    SCOPED_TRACE(testing::Message() << w << "x" << h);
-    ASSERT_NO_FATAL_FAILURE(expectOracleCut(g, s, trial % 2 == 1));
-    ASSERT_TRUE(g.m_activeFirst == nullptr && g.m_orphanFirst == nullptr);
-  }
-}
-
-// addtWeights counts the smaller side as flow at once; a node left without
-// terminal capacity starts free and stays out of the active queue.
+// addtWeights adds up and counts the smaller side as flow at once; a node
+// left without terminal capacity starts free and stays out of the active
+// queue; a grid larger than the graph's arrays is refused.
 TEST_F(MaxFlow, TerminalWeightsPreFlowAndFreeNodes) {
-  ZIRKSEGraph one(1, 8, 1, 1, 0);
-  one.addNode(1);
-  one.addtWeights(0, 5.0f, 3.0f);
-  EXPECT_TRUE(one.m_flow == 3.0f && one.m_nodes[0].tr_cap == 2.0f);
-  one.addtWeights(0, 0.0f, 4.0f);
-  EXPECT_TRUE(one.m_flow == 5.0f && one.m_nodes[0].tr_cap == -2.0f);
-  for (int k = 0; k < 4; ++k) one.addEdge(0, -1, 0.0f, 0.0f, true);
-  EXPECT_EQ(one.maxFlow(), 5.0f);  // no neighbour: the pre-flow is the answer
-  EXPECT_EQ(one.getTreeofNode(0), 1);
-
   ZIRKSEGraph g(3, 24, 3, 1, 0);
   g.addNode(3);
   g.addtWeights(0, 4.0f, 0.0f);
   g.addtWeights(1, 2.0f, 2.0f);  // both sides equal: nothing left
-  g.addtWeights(2, 0.0f, 4.0f);
+  g.addtWeights(2, 5.0f, 3.0f);
+  EXPECT_TRUE(g.m_flow == 5.0f && g.m_nodes[2].tr_cap == 2.0f);
+  g.addtWeights(2, 0.0f, 6.0f);
+  EXPECT_TRUE(g.m_flow == 7.0f && g.m_nodes[2].tr_cap == -4.0f);
   for (int i = 0; i < 12; ++i) g.addEdge(0, -1, 0.0f, 0.0f, true);  // no edges at all
   g.maxflowInit();
   EXPECT_TRUE(g.m_nodes[1].tree == FREE && g.m_nodes[1].next == nullptr);
   EXPECT_TRUE(g.m_activeFirst == &g.m_nodes[0] && g.m_activeLast == &g.m_nodes[2]);
-  EXPECT_EQ(g.maxFlowSerialCall(), 2.0f);
-  EXPECT_EQ(g.m_nodes[1].tree, FREE);
-  EXPECT_EQ(g.getTreeofNode(1), 0);  // free nodes count as object
+  EXPECT_EQ(g.maxFlowSerialCall(), 7.0f);
+  EXPECT_TRUE(g.m_nodes[1].tree == FREE && g.getTreeofNode(1) == 0);  // free nodes count as object
+
+  LogCapture log;
+  ZIRKSEGraph small(4, 4, 4, 4, 0);  // room for 16 nodes and 32 arc floats; the 4x4 grid needs 128
+  small.addNode(16);
+  small.addtWeights(0, 3.0f, 1.0f);
+  EXPECT_EQ(small.maxFlow(), 1.0f);  // only the pre-flow
+  EXPECT_EQ(log.countPrefix("Error", "ZIRKSEGraph::maxFlow"), 1) << log.dump();
 }
 
 // An orphan with two candidate parents at the same distance from its
@@ -134,59 +119,44 @@ TEST_F(MaxFlow, AddToEdgeChangesOnlyAnExistingArcToANeighbour) {
 }
 
 // Cancelled before the call: the serial solver returns the pre-flow with
-// every node still as maxflowInit left it; the parallel one still restores
-// every arc it removed.
-TEST_F(MaxFlow, CancelBeforeTheCall) {
+// every node as maxflowInit left it; the parallel one still restores every
+// arc it removed. A spent budget ends a solve after the first scanned node
+// and cancels the whole segmentation; a budget of 9 s does not.
+TEST_F(MaxFlow, CancelAndSpentBudget) {
   std::mt19937 rng(8);
   ZIRKSEMarker::m_exitApp = true;
-  const GridGraph s = randomGrid(rng, 12, 9, false);
-  ZIRKSEGraph g(108, 864, 12, 9, 0);
+  const GridGraph s = randomGrid(rng, 12, 9, false), c = randomGrid(rng, 30, 20, false);
+  ZIRKSEGraph g(108, 864, 12, 9, 0), blocks(600, 4800, 30, 20, 4);
   fill(g, s);
   const float preFlow = g.m_flow;
   EXPECT_EQ(g.maxFlow(), preFlow);
-  for (int p = 0; p < 108; ++p) {
-    EXPECT_EQ(g.m_nodes[p].parent, g.m_nodes[p].tr_cap == 0.0f ? ORPHAN : TERMINAL);
-  }
-  const GridGraph c = randomGrid(rng, 30, 20, false);
-  ZIRKSEGraph blocks(600, 4800, 30, 20, 4);
+  for (int p = 0; p < 108; ++p) EXPECT_EQ(g.m_nodes[p].parent, g.m_nodes[p].tr_cap == 0.0f ? ORPHAN : TERMINAL);
   fill(blocks, c);
   EXPECT_EQ(blocks.maxFlow(), 0.0f);
   expectArcsRestored(blocks, c);
   EXPECT_TRUE(ZIRKSEMarker::m_exitApp);
-}
 
-// A spent budget ends the solve after the first scanned node and cancels
-// the whole segmentation; a budget of 9 s does not.
-TEST_F(MaxFlow, SpentBudgetEndsTheSolveAfterOneIterationAndRaisesTheFlag) {
+  ZIRKSEMarker::m_exitApp = false;
   g_cancelTimer = create_timer();
   start_cpu_timer(g_cancelTimer);
   for (int spent : {9, 11}) {
     g_cancelTimer->start.tv_sec -= spent == 9 ? 9 : 2;
-    ZIRKSEGraph g(6, 48, 6, 1, 0);  // a chain from node 0 (source) to node 5 (sink)
-    g.addNode(6);
-    g.addtWeights(0, 5.0f, 0.0f);
-    g.addtWeights(5, 0.0f, 5.0f);
-    for (int p = 0; p < 6; ++p) {
-      g.addEdge(p, p - 1, 10.0f, 10.0f, p == 0);
-      for (int k = 1; k < 4; ++k) g.addEdge(p, -1, 0.0f, 0.0f, true);
+    ZIRKSEGraph chain(6, 48, 6, 1, 0);  // from node 0 (source) to node 5 (sink)
+    chain.addNode(6);
+    chain.addtWeights(0, 5.0f, 0.0f);
+    chain.addtWeights(5, 0.0f, 5.0f);
+    for (int i = 0; i < 24; ++i) {
+      if (i % 4 == 0) chain.addEdge(i / 4, i / 4 - 1, 10.0f, 10.0f, i == 0);
+      if (i % 4 != 0) chain.addEdge(i / 4, -1, 0.0f, 0.0f, true);
     }
-    EXPECT_EQ(g.maxFlow(), spent == 9 ? 5.0f : 0.0f);
+    EXPECT_EQ(chain.maxFlow(), spent == 9 ? 5.0f : 0.0f);
     EXPECT_EQ(ZIRKSEMarker::m_exitApp, spent == 11);
-    EXPECT_EQ(checkTrees(g), "");
+    EXPECT_EQ(checkTrees(chain), "");
     if (spent == 11) {  // node 0 was scanned and grew into node 1; nothing further happened
-      EXPECT_TRUE(g.m_nodes[1].tree == SOURCE && g.m_nodes[2].tree == FREE);
-      EXPECT_TRUE(g.m_activeFirst == &g.m_nodes[5] && g.m_activeLast == &g.m_nodes[1]);
+      EXPECT_TRUE(chain.m_nodes[1].tree == SOURCE && chain.m_nodes[2].tree == FREE);
+      EXPECT_TRUE(chain.m_activeFirst == &chain.m_nodes[5] && chain.m_activeLast == &chain.m_nodes[1]);
     }
   }
-}
-
-TEST_F(MaxFlow, GridLargerThanTheArraysIsRefused) {
-  LogCapture log;
-  ZIRKSEGraph g(4, 4, 4, 4, 0);  // room for 16 nodes and 32 arc floats; the 4x4 grid needs 128
-  g.addNode(16);
-  g.addtWeights(0, 3.0f, 1.0f);
-  EXPECT_EQ(g.maxFlow(), 1.0f);  // only the pre-flow
-  EXPECT_EQ(log.countPrefix("Error", "ZIRKSEGraph::maxFlow"), 1) << log.dump();
 }
 
 // Arc slots never written count as absent arcs; nodes never added are free
@@ -232,23 +202,27 @@ TEST_F(MaxFlow, BlockGridFollowsTheBlockCount) {
   EXPECT_EQ(log.countPrefix("Error", "ParallelGC"), 1);
 }
 
-// The oracle's cut for every block count, on grids from smaller than the
-// block grid up to 40x30; every removed arc comes back.
-TEST_F(MaxFlow, ParallelRandomGridsGiveTheOracleCutForEveryBlockCount) {
-  std::mt19937 rng(2024);
+// The serial solver (0 blocks) and the parallel one for every block count,
+// on grids from 1x1 and single rows or columns up to 40x30, with real and
+// integer capacities; every arc the partition removed comes back.
+TEST_F(MaxFlow, RandomGridsGiveTheOracleCutForEveryBlockCount) {
+  std::mt19937 rng(1234);
   std::uniform_int_distribution<int> wd(1, 40), hd(1, 30);
+  const std::pair<int, int> fixed[] = {{1, 1}, {1, 2}, {2, 1}, {1, 17}, {23, 1}, {2, 2}, {40, 30}};
   g_cancelTimer = create_timer();  // the blocks poll the budget from their threads
-  start_cpu_timer(g_cancelTimer);
-  for (int blocks : {2, 3, 4, 6, 8, 9, 16}) {
-    for (int trial = 0; trial < 24; ++trial) {
-      const int w = trial == 0 ? 1 : wd(rng), h = trial == 1 ? 1 : hd(rng);
-      const GridGraph s = randomGrid(rng, w, h, trial % 2 == 0);
+  for (int blocks : {0, 2, 3, 4, 6, 8, 9, 16}) {
+    for (int trial = 0; trial < (blocks == 0 ? 300 : 24); ++trial) {
+      int w = wd(rng), h = hd(rng);
+      if (blocks == 0 && trial < 14) std::tie(w, h) = fixed[trial / 2];
+      if (blocks != 0 && trial < 2) (trial == 0 ? w : h) = 1;
+      const GridGraph s = randomGrid(rng, w, h, trial % 2 == 1);
       ZIRKSEGraph g(w * h, 8 * w * h, w, h, blocks);
       fill(g, s);
       start_cpu_timer(g_cancelTimer);  // a fresh budget for each solve (sanitizers are slow)
       SCOPED_TRACE(testing::Message() << blocks << " blocks, " << w << "x" << h);
-      ASSERT_NO_FATAL_FAILURE(expectOracleCut(g, s, trial % 2 == 0));
+      ASSERT_NO_FATAL_FAILURE(expectOracleCut(g, s, trial % 2 == 1));
       ASSERT_NO_FATAL_FAILURE(expectArcsRestored(g, s));
+      ASSERT_TRUE(g.m_activeFirst == nullptr && g.m_orphanFirst == nullptr);
     }
   }
   // Blocks that share no arc get no store and are never merged: the merge
@@ -308,17 +282,58 @@ TEST_F(MaxFlow, PhotoGraphsGiveTheSerialFlowForEveryBlockCount) {
     const Photo photo = loadPhoto(names[i]);
     ASSERT_FALSE(photo.image.empty()) << names[i];
     const GridGraph s = photoGraph(photo.image, photo.x1, photo.y1, photo.x2, photo.y2, 160, 120);
-    ZIRKSEGraph serial(s.nodes(), 8 * s.nodes(), s.w, s.h, 0);
-    fill(serial, s);
-    const double flow = serial.maxFlow();
+    double flow = 0.0;  // the serial solve's, first
     for (int blocks : {0, 2, 3, 4, 6, 8, 9, 16}) {
       ZIRKSEGraph g(s.nodes(), 8 * s.nodes(), s.w, s.h, blocks);
       fill(g, s);
-      g.maxFlow();
+      const double solved = g.maxFlow();
+      if (blocks == 0) flow = solved;
       EXPECT_NEAR(cutCapacity(s, sinkSideOf(g, s.nodes())), flow, 1e-4 * flow)
           << names[i] << ", " << blocks;
       EXPECT_EQ(checkTrees(g), "") << names[i] << ", " << blocks << " blocks";
     }
+  }
+}
+
+// A refill that keeps the last solve's flow must give the minimum cut of the
+// new capacities, as a fresh fill does: links fall to nothing, shrink, stay
+// or grow, terminal links swap sides or stay (null terminal arrays).
+// Symmetric integral links, as the segmenter's are, so the cut is determined.
+TEST_F(MaxFlow, RefillKeepingTheFlowGivesTheMinimumCutOfTheNewCapacities) {
+  std::mt19937 rng(21);
+  auto refill = [](ZIRKSEGraph* g, const GridGraph& s, bool keepFlow, bool sameTerminals) {
+    std::vector<float> links(4 * s.nodes());
+    for (int i = 0; i < 4 * s.nodes(); ++i) links[i] = s.e[i].absent ? kAbsentArc : s.e[i].cap;
+    ZIRK_fillGrid(g, sameTerminals ? nullptr : s.src.data(), sameTerminals ? nullptr : s.snk.data(),
+                  links.data(), keepFlow);
+  };
+  for (int trial = 0; trial < 60; ++trial) {
+    const int w = 2 + trial % 9, h = 1 + trial % 7;
+    const bool sameTerminals = trial % 4 == 3;
+    GridGraph first = randomGrid(rng, w, h, true);
+    for (Slot& e : first.e) e.rev = e.cap;
+    GridGraph second = first;
+    std::uniform_int_distribution<int> pick(0, 3);
+    const float scale[4] = {0.0f, 0.5f, 1.0f, 3.0f};
+    for (int p = 0; p < first.nodes(); ++p) {
+      if (!sameTerminals && pick(rng) == 0) std::swap(second.src[p], second.snk[p]);
+      for (int k = 0; k < 4; ++k) {
+        Slot& e = second.e[4 * p + k];
+        e.cap = e.rev = std::floor(e.cap * scale[pick(rng)]);
+      }
+    }
+    ZIRKSEGraph g(w * h, 8 * w * h, w, h, 0), fresh(w * h, 8 * w * h, w, h, 0);
+    refill(&g, first, true, false);
+    g.maxFlow();
+    refill(&g, second, true, sameTerminals);
+    g.maxFlow();
+    refill(&fresh, second, false, false);
+    fresh.maxFlow();
+    const OracleResult oracle = solveWithOracle(second);
+    SCOPED_TRACE(testing::Message() << "trial " << trial);
+    EXPECT_EQ(sinkSideOf(g, w * h), oracle.sinkSide);
+    EXPECT_EQ(checkTrees(g), "");
+    EXPECT_EQ(sinkSideOf(fresh, w * h), oracle.sinkSide);
   }
 }
 

@@ -1,6 +1,6 @@
 // The live-wire search against a plain O(N^2) Dijkstra over link costs that
-// the test derives itself from the colours and labels, and the hand-over of
-// the preview contours.
+// the test derives itself from the colours and labels, its indexed min-heap
+// against a sorted multiset, and the hand-over of the preview contours.
 #include "livewire/LiveWire.h"
 
 #include <gtest/gtest.h>
@@ -10,12 +10,15 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#include <map>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <vector>
 
 #include "common/LogCapture.h"
 #include "engine/EngineState.h"
+#include "livewire/MinPriorityQueue.h"
 
 namespace {
 
@@ -35,24 +38,22 @@ std::vector<std::vector<double>> linkCosts(const cv::Mat& colour, const cv::Mat&
     return l == 2 || l == 4 ? 1 : (l == 1 || l == 3 ? -1 : 0);
   };
   std::vector<std::vector<double>> cost(static_cast<size_t>(w) * h, std::vector<double>(8, 0.0));
-  for (int r = 0; r < h; ++r)
-    for (int c = 0; c < w; ++c) {
-      std::vector<double>& out = cost[r * w + c];
-      bool blocked = false;
-      for (int k = 0; k < 8; ++k) {
-        const int qr = r + kDr[k], qc = c + kDc[k];
-        if (qr < 0 || qr >= h || qc < 0 || qc >= w) {
-          out[k] = DBL_MAX;
-        } else if (side(r, c) * side(qr, qc) < 0) {
-          blocked = true;  // out[k] stays 0
-        } else {
-          const cv::Vec3d d =
-              cv::Vec3d(colour.at<cv::Vec3b>(r, c)) - cv::Vec3d(colour.at<cv::Vec3b>(qr, qc));
-          out[k] = std::sqrt((1 - alpha) / 3 * d.dot(d) + alpha * (kDr[k] * kDr[k] + kDc[k] * kDc[k]));
-        }
+  for (int v = 0; v < w * h; ++v) {
+    const int r = v / w, c = v % w;
+    bool blocked = false;
+    for (int k = 0; k < 8; ++k) {
+      const int qr = r + kDr[k], qc = c + kDc[k];
+      if (qr < 0 || qr >= h || qc < 0 || qc >= w) {
+        cost[v][k] = DBL_MAX;
+      } else if (side(r, c) * side(qr, qc) < 0) {
+        blocked = true;  // the cost stays 0
+      } else {
+        const cv::Vec3d d = cv::Vec3d(colour.at<cv::Vec3b>(r, c)) - cv::Vec3d(colour.at<cv::Vec3b>(qr, qc));
+        cost[v][k] = std::sqrt((1 - alpha) / 3 * d.dot(d) + alpha * (kDr[k] * kDr[k] + kDc[k] * kDc[k]));
       }
-      if (blocked) out[0] = DBL_MAX;
     }
+    if (blocked) cost[v][0] = DBL_MAX;
+  }
   return cost;
 }
 
@@ -135,10 +136,12 @@ TEST(LiveWire, CostsAndParentsMatchAPlainDijkstraOnRandomImages) {
 }
 
 // A step between object and background: free across, and the pixel's
-// down-right step is gone even towards an unlabelled neighbour. A record
-// that already held a cost in the blocked slot keeps it.
-TEST(LiveWire, BlockedStepStoresIntoTheDownRightSlot) {
-  cv::Mat colour(2, 2, CV_8UC3, cv::Scalar::all(0)), labels(2, 2, CV_8U, cv::Scalar(0));
+// down-right step is gone even towards an unlabelled neighbour; a record
+// that already held a cost in a slot keeps it. A single pixel is its own
+// parent; a seed outside the image throws (checked by row and column, not
+// as a pixel index), missing labels are refused with a log line.
+TEST(LiveWire, BlockedStepSinglePixelAndBadInputs) {
+  cv::Mat colour(3, 4, CV_8UC3, cv::Scalar::all(0)), labels(3, 4, CV_8U, cv::Scalar(0));
   labels.at<uint8_t>(0, 0) = 2;
   labels.at<uint8_t>(0, 1) = 1;
   colour.at<cv::Vec3b>(1, 0) = cv::Vec3b(0, 0, 30);
@@ -153,19 +156,84 @@ TEST(LiveWire, BlockedStepStoresIntoTheDownRightSlot) {
   EXPECT_EQ(node.links[kSlotRight].linkCost, 5.0);
   EXPECT_DOUBLE_EQ(node.links[kSlotDown].linkCost, std::sqrt(900.0 / 3));
   EXPECT_EQ(node.links[kSlotLeft].linkCost, DBL_MAX);
-}
 
-TEST(LiveWire, SinglePixelAndBadInputs) {
-  cv::Mat colour(3, 4, CV_8UC3, cv::Scalar::all(0)), labels(3, 4, CV_8U, cv::Scalar(0));
-  IplImage ci = cvIplImage(colour), li = cvIplImage(labels);
-  IplImage one = cvIplImage(colour(cv::Rect(0, 0, 1, 1)));
-  IplImage oneL = cvIplImage(labels(cv::Rect(0, 0, 1, 1)));
+  IplImage one = cvIplImage(colour(cv::Rect(0, 0, 1, 1))), oneL = cvIplImage(labels(cv::Rect(0, 0, 1, 1)));
   EXPECT_EQ(find_parent_info(&one, &oneL, 0, 0, 0.5), std::vector<int>{0});
-  // (0, 4) would be pixel 4 of a 4-wide image: the seed is checked by row and column.
   EXPECT_THROW(find_parent_info(&ci, &li, 0, 4, 0.5), std::out_of_range);
   LogCapture log;
   EXPECT_TRUE(find_parent_info(&ci, nullptr, 0, 0, 0.5).empty());
   EXPECT_EQ(log.countPrefix("Error", "find_parent_info"), 1) << log.dump();
+}
+
+// Heap order below every slot; position[] agrees with the heap for live ids
+// and is -1 for popped ones.
+::testing::AssertionResult consistent(const MinPriorityQueue& q, const std::set<int>& live) {
+  if (q.heap.empty() || q.heap[0].index != -1 || q.heap[0].weight != -1.0 || q.heap.size() != live.size() + 1)
+    return ::testing::AssertionFailure() << "sentinel or size";
+  for (size_t i = 2; i < q.heap.size(); ++i)
+    if (q.heap[i / 2].weight > q.heap[i].weight) return ::testing::AssertionFailure() << "order at " << i;
+  for (size_t i = 1; i < q.heap.size(); ++i)
+    if (q.position.at(q.heap[i].index) != static_cast<int>(i))
+      return ::testing::AssertionFailure() << "position of id " << q.heap[i].index;
+  for (size_t id = 0; id < q.position.size(); ++id)
+    if (!live.count(static_cast<int>(id)) && q.position[id] != -1)
+      return ::testing::AssertionFailure() << "popped id " << id << " still has a position";
+  return ::testing::AssertionSuccess();
+}
+
+// Random pushes, pops and key decreases (as the search does them). Every pop
+// returns the least weight and an id holding it; ties may come in any order.
+TEST(MinPriorityQueue, AgreesWithASortedMultiset) {
+  std::mt19937 rng(99);
+  for (int round = 0; round < 400; ++round) {
+    MinPriorityQueue q;
+    std::set<std::pair<double, int>> reference;
+    std::map<int, double> weightOf;
+    std::set<int> live;
+    const int ops = 1 + static_cast<int>(rng() % 300);
+    for (int op = 0; op < ops; ++op) {
+      const unsigned kind = rng() % 10;
+      if (kind < 5 || reference.empty()) {
+        const int id = static_cast<int>(weightOf.size());
+        const double w = round % 2 ? std::uniform_real_distribution<double>(0, 100)(rng)
+                                   : static_cast<double>(rng() % 4);  // many ties
+        q.push(Qnode{id, w});
+        reference.insert({w, id});
+        weightOf[id] = w;
+        live.insert(id);
+      } else if (kind < 8) {
+        const Qnode got = q.pop_min();
+        ASSERT_EQ(got.weight, reference.begin()->first);
+        ASSERT_EQ(reference.erase({got.weight, got.index}), 1u) << "id " << got.index;
+        live.erase(got.index);
+      } else if (!live.empty()) {  // lower a live id's key in place and move it up
+        auto it = live.begin();
+        std::advance(it, rng() % live.size());
+        const double w = weightOf[*it] - static_cast<double>(rng() % 3);
+        reference.erase({weightOf[*it], *it});
+        reference.insert({w, *it});
+        weightOf[*it] = w;
+        const int at = q.position.at(*it);
+        q.heap.at(at).weight = w;
+        q.prelocate_up(at);
+      }
+      ASSERT_TRUE(consistent(q, live)) << "round " << round << " op " << op;
+    }
+  }
+}
+
+// Equal keys leave in their order of arrival; an empty queue returns the
+// sentinel and keeps it; access outside the arrays throws.
+TEST(MinPriorityQueue, TiesEmptyQueueAndBadAccess) {
+  MinPriorityQueue q;
+  for (const Qnode& n : {Qnode{0, 5.0}, Qnode{1, 3.0}, Qnode{2, 3.0}}) q.push(n);
+  for (int id : {1, 2, 0}) EXPECT_EQ(q.pop_min().index, id);
+  const Qnode empty = q.pop_min();
+  EXPECT_TRUE(empty.index == -1 && empty.weight == -1.0 && q.heap.size() == 1u);
+  EXPECT_THROW(q.prelocate_up(5), std::out_of_range);
+  MinPriorityQueue bad;  // an id pushed out of order points past the position map
+  bad.push(Qnode{3, 1.0});
+  EXPECT_THROW(bad.pop_min(), std::out_of_range);
 }
 
 class PathArray : public ::testing::Test {
@@ -183,13 +251,10 @@ TEST_F(PathArray, HandsTheContoursOverOnce) {
   for (int x = 3; x < 97; x += 2) mask.at<uint8_t>(15, x) = mask.at<uint8_t>(50, x) = 0;
   IplImage wi = cvIplImage(mask);  // cvFindContours overwrites it
   storage = cvCreateMemStorage(1024);
-  cvFindContours(&wi, storage, &contours, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE,
-                 cvPoint(0, 0));
+  cvFindContours(&wi, storage, &contours, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE, cvPoint(0, 0));
   ASSERT_NE(contours, nullptr);
   g_contoursFound = 1;
-
-  // What the array must say, read element by element from the sequences.
-  std::vector<int> expected{0};
+  std::vector<int> expected{0};  // read element by element from the sequences
   int longest = 0;
   for (CvSeq* seq = contours; seq != nullptr; seq = seq->h_next, ++expected[0]) {
     expected.push_back(seq->total);
@@ -200,22 +265,16 @@ TEST_F(PathArray, HandsTheContoursOverOnce) {
     }
     expected.push_back(-1);
   }
-  ASSERT_EQ(expected[0], 2);
-  ASSERT_GT(longest * static_cast<int>(sizeof(CvPoint)), 1024);
-
-  int* array = nullptr;
-  int length = 0;
-  EXPECT_EQ(fetch_path_array(&array, &length), array);
-  EXPECT_EQ(std::vector<int>(array, array + length), expected);
-  delete[] array;
-  EXPECT_EQ(contours, nullptr);
-  EXPECT_EQ(g_contoursFound, 0);
-
-  array = nullptr;
-  EXPECT_EQ(fetch_path_array(&array, &length), array);
-  ASSERT_NE(array, nullptr);
-  EXPECT_EQ(std::vector<int>(array, array + length), std::vector<int>{0});
-  delete[] array;
+  ASSERT_TRUE(expected[0] == 2 && longest * static_cast<int>(sizeof(CvPoint)) > 1024);
+  for (int round = 0; round < 2; ++round) {
+    int* array = nullptr;
+    int length = 0;
+    EXPECT_EQ(fetch_path_array(&array, &length), array);
+    ASSERT_NE(array, nullptr);
+    EXPECT_EQ(std::vector<int>(array, array + length), round == 0 ? expected : std::vector<int>{0});
+    delete[] array;
+    EXPECT_TRUE(contours == nullptr && g_contoursFound == 0);
+  }
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 // rounding tie decided the other way: at most 0.05 % of a photo's pixels.
 //
 // SEGCORE_WRITE_REFERENCE=<file> writes the references instead of checking.
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -97,15 +98,19 @@ std::vector<cv::Point> squareAround(cv::Point c, int half, const cv::Size& size)
   return {{x0, y0}, {x1, y0}, {x1, y1}, {x0, y1}};
 }
 
-class MaskRegression : public e2e::EngineTest, public ::testing::WithParamInterface<std::string> {
+// One photo driven through the caller's functions: its rectangle, then edits.
+class PhotoEdits : public e2e::EngineTest {
  protected:
-  void SetUp() override {
-    if (!photoSetAvailable()) GTEST_SKIP() << "photo set not found under " << photoSetDir();
-    photo = loadPhoto(GetParam());
-    ASSERT_FALSE(photo.image.empty());
+  // False when the photo set is not there.
+  bool open(const std::string& photoName) {
+    if (!photoSetAvailable()) return false;
+    name = photoName;
+    photo = loadPhoto(name);
+    EXPECT_FALSE(photo.image.empty());
     w = photo.image.cols;
     h = photo.image.rows;
     source = toArgb(photo.image);
+    return true;
   }
 
   // Empty when the request spent its budget under emulation.
@@ -113,12 +118,13 @@ class MaskRegression : public e2e::EngineTest, public ::testing::WithParamInterf
     std::vector<unsigned int> argb = source;
     std::vector<unsigned char> mask(source.size(), 7);
     doSegmentationBB(w, h, argb.data(), photo.x1, photo.y1, photo.x2, photo.y2, mask.data());
-    if (e2e::budgetSpentUnderEmulation(mask, 7, GetParam())) return cv::Mat();
+    if (e2e::budgetSpentUnderEmulation(mask, 7, name)) return cv::Mat();
     return e2e::objectOf(mask, w, h);
   }
 
   // kind: 0 loop adds, 1 loop removes, 2 stroke adds, 3 stroke removes.
-  cv::Mat edit(int kind, const std::vector<cv::Point>& points, int radius) {
+  cv::Mat edit(int kind, const std::vector<cv::Point>& points, int radius,
+               std::vector<unsigned int>* shown = nullptr) {
     cv::Mat marks(h, w, CV_32S, cv::Scalar(0));
     if (kind < 2) {
       cv::fillPoly(marks, std::vector<std::vector<cv::Point>>{points}, cv::Scalar(kind == 0 ? 4 : 3));
@@ -133,8 +139,21 @@ class MaskRegression : public e2e::EngineTest, public ::testing::WithParamInterf
     setMarkerImage(w, h, marks.ptr<int>(), kind);
     setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
     EXPECT_EQ(processSegment(0, 0, 0, preview.data(), mask.data()), 0);
-    if (e2e::budgetSpentUnderEmulation(mask, 7, GetParam())) return cv::Mat();
+    if (shown != nullptr) *shown = preview;
+    if (e2e::budgetSpentUnderEmulation(mask, 7, name)) return cv::Mat();
     return e2e::objectOf(mask, w, h);
+  }
+
+  std::string name;
+  Photo photo;
+  int w = 0, h = 0;
+  std::vector<unsigned int> source;
+};
+
+class MaskRegression : public PhotoEdits, public ::testing::WithParamInterface<std::string> {
+ protected:
+  void SetUp() override {
+    if (!open(GetParam())) GTEST_SKIP() << "photo set not found under " << photoSetDir();
   }
 
   void check(const std::string& name, const cv::Mat& object) {
@@ -155,10 +174,6 @@ class MaskRegression : public e2e::EngineTest, public ::testing::WithParamInterf
     EXPECT_LE(differing, kTolerance * w * h) << name << ": " << differing << " pixels differ";
     if (differing > 0) std::printf("%s: %d pixels differ from the reference\n", name.c_str(), differing);
   }
-
-  Photo photo;
-  int w = 0, h = 0;
-  std::vector<unsigned int> source;
 };
 
 TEST(MaskRuns, RoundTripOnRandomMasks) {
@@ -175,6 +190,20 @@ TEST_P(MaskRegression, RectangleAndCorrectiveEditsKeepTheirMasks) {
   const cv::Mat rect = rectangle();
   if (rect.empty()) GTEST_SKIP() << "the budget ran out under emulation";
   check(GetParam() + "/rect", rect);
+  // Against the ground truth too: above the rectangle itself (banana1 and
+  // cross are hard for a rectangle alone), and nothing beyond the
+  // rectangle's reach (only the band refined at full size may pass its border).
+  const double f = std::max(1.0, std::sqrt(w * static_cast<double>(h) / 76800.0));
+  const int reach = static_cast<int>(4 * f) + 2;
+  cv::Mat near = cv::Mat::zeros(h, w, CV_8U), inside = cv::Mat::zeros(h, w, CV_8U);
+  near(cv::Rect(cv::Point(photo.x1 - reach, photo.y1 - reach), cv::Point(photo.x2 + reach + 1, photo.y2 + reach + 1)) &
+       cv::Rect(0, 0, w, h)).setTo(255);
+  inside(cv::Rect(cv::Point(photo.x1, photo.y1), cv::Point(photo.x2 + 1, photo.y2 + 1)) & cv::Rect(0, 0, w, h)).setTo(255);
+  EXPECT_EQ(cv::countNonZero(rect & ~near), 0) << "object far outside the rectangle";
+  const double iou = intersectionOverUnion(rect, photo.truth);
+  const bool hard = GetParam() == "banana1" || GetParam() == "cross";
+  EXPECT_GT(iou, hard ? 0.2 : 0.75);
+  if (!hard) { EXPECT_GT(iou, intersectionOverUnion(inside, photo.truth)); }
   if (std::find(std::begin(kCorrected), std::end(kCorrected), GetParam()) == std::end(kCorrected)) return;
 
   const cv::Rect box(cv::Point(photo.x1, photo.y1), cv::Point(photo.x2 + 1, photo.y2 + 1));
@@ -195,6 +224,79 @@ TEST_P(MaskRegression, RectangleAndCorrectiveEditsKeepTheirMasks) {
                                            [](cv::Point a, cv::Point b) { return a.x < b.x; });
   check(GetParam() + "/loop", edit(0, squareAround(top, 25, cv::Size(w, h)), 0));
   check(GetParam() + "/cutloop", edit(1, squareAround(left, 25, cv::Size(w, h)), 0));
+}
+
+// A stroke over the largest part of the object the rectangle missed, then
+// one over the largest part of the background it took: each changes the mask
+// only near itself and only its own way. Then the history is walked back to
+// the plain source and forward again, and a new edit discards the redo.
+TEST_F(PhotoEdits, BrushStrokesActNearThemAndTheHistoryReplaysThem) {
+  if (!open("bush")) GTEST_SKIP() << "photo set not found under " << photoSetDir();
+  std::vector<cv::Mat> masks = {rectangle()};
+  std::vector<unsigned int> preview;
+  std::vector<unsigned char> mask(source.size());
+  auto show = [&](void (*step)(unsigned int*, unsigned char*)) {
+    preview = source;
+    step(preview.data(), mask.data());
+    return e2e::objectOf(mask, w, h);
+  };
+  auto shows = [&](void (*step)(unsigned int*, unsigned char*), const cv::Mat& want) {
+    return cv::countNonZero(show(step) != want) == 0 && e2e::previewOutlinesObject(preview, source, want);
+  };
+  if (masks[0].empty()) GTEST_SKIP() << "the budget ran out under emulation";
+  EXPECT_FALSE(canUndo() || canRedo());
+  EXPECT_TRUE(shows(&redo, masks[0])) << "redo at the newest mask shows it again";
+
+  std::vector<cv::Point> removal;
+  for (const bool adding : {true, false}) {
+    SCOPED_TRACE(adding ? "adding" : "removing");
+    const cv::Mat before = masks.back();
+    const cv::Mat wrong = adding ? photo.truth & ~before : before & ~photo.truth;
+    cv::Mat blobs, stats, centroids;
+    const int n = cv::connectedComponentsWithStats(wrong, blobs, stats, centroids, 4);
+    int largest = 1;
+    for (int i = 2; i < n; ++i)
+      if (stats.at<int>(i, cv::CC_STAT_AREA) > stats.at<int>(largest, cv::CC_STAT_AREA)) largest = i;
+    ASSERT_GT(cv::countNonZero(wrong), 50) << "nothing left to correct";
+    const std::vector<cv::Point> stroke = strokeThroughDeepest(blobs == largest, 3);
+    const cv::Mat after = edit(adding ? 2 : 3, stroke, 3, &preview);
+    if (after.empty()) GTEST_SKIP() << "the budget ran out under emulation";
+    EXPECT_TRUE(e2e::previewOutlinesObject(preview, source, after));
+    EXPECT_EQ(cv::countNonZero(adding ? before & ~after : after & ~before), 0) << "changed the other way";
+    // The stroke grown by the engine's ring, its margin and the refined band.
+    const double f = std::max(1.0, std::sqrt(w * static_cast<double>(h) / 76800.0));
+    const int grow = 3 + static_cast<int>(std::sqrt(w * static_cast<double>(h)) * 0.05) +
+                     static_cast<int>(10 * f) + static_cast<int>(4 * f) + 2;
+    const cv::Rect box = cv::boundingRect(stroke);
+    cv::Mat far(h, w, CV_8U, cv::Scalar(255));
+    far(cv::Rect(box.x - grow, box.y - grow, box.width + 2 * grow, box.height + 2 * grow) & cv::Rect(0, 0, w, h))
+        .setTo(0);
+    EXPECT_EQ(cv::countNonZero((before != after) & far), 0) << "changes far from the stroke";
+    const cv::Mat wrongAfter = adding ? photo.truth & ~after : after & ~photo.truth;
+    EXPECT_LT(cv::countNonZero(wrongAfter), cv::countNonZero(wrong)) << "nothing corrected";
+    for (const cv::Point& p : stroke) EXPECT_EQ(after.at<uint8_t>(p) != 0, adding) << p;
+    masks.push_back(after);
+    removal = stroke;
+  }
+
+  EXPECT_TRUE(canUndo() && !canRedo());
+  EXPECT_TRUE(shows(&undo, masks[1]));
+  EXPECT_TRUE(canUndo() && canRedo());
+  EXPECT_TRUE(shows(&undo, masks[0]));
+  EXPECT_TRUE(!canUndo() && canRedo()) << "only the first mask is left before the current position";
+  std::fill(mask.begin(), mask.end(), 99);
+  show(&undo);
+  EXPECT_EQ(preview, e2e::opaque(source)) << "before the first edit: the plain source";
+  EXPECT_EQ(mask, std::vector<unsigned char>(source.size(), 99)) << "and the mask left alone";
+  EXPECT_TRUE(!canUndo() && canRedo());
+  for (const cv::Mat& m : masks) EXPECT_TRUE(shows(&redo, m));
+  EXPECT_FALSE(canRedo());
+  EXPECT_TRUE(shows(&redo, masks[2])) << "nothing to redo: the newest again";
+
+  show(&undo);
+  EXPECT_TRUE(canRedo());
+  edit(3, removal, 3);
+  EXPECT_TRUE(canUndo() && !canRedo()) << "a new edit discards the redo";
 }
 
 INSTANTIATE_TEST_SUITE_P(Photos, MaskRegression,

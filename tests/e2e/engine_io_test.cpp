@@ -23,7 +23,7 @@ TEST_F(EngineTest, SourceRoundTripKeepsColourAndForcesAlpha) {
   EXPECT_EQ(back, 0xFF345678u);
   EXPECT_EQ(one[0], 0x12345678u) << "the caller's buffer is only read";
   for (const cv::Size size : {cv::Size(7, 3), cv::Size(3, 7), cv::Size(1, 9), cv::Size(64, 48)}) {
-    const std::vector<unsigned int> src = e2e::randomArgb(size.width, size.height, size.width * 31 + size.height);
+    const std::vector<unsigned int> src = e2e::randomArgb(size.width, size.height, size.width * 31);
     std::vector<unsigned int> in = src, out(src.size(), 0u);
     setSourceImage(size.width, size.height, in.data());
     copySourceImage(out.data());
@@ -46,7 +46,7 @@ TEST_F(EngineTest, MarkersAreSaturatedAndPathPointsClamped) {
   ASSERT_NE(g_markerImage, nullptr);
   EXPECT_EQ(markers, given) << "the caller's array is only read";
   for (int i = 0; i < w * h; ++i)
-    ASSERT_EQ(CV_IMAGE_ELEM(g_markerImage, uint8_t, i / w, i % w), std::min(std::max(given[i], 0), 255)) << i;
+    ASSERT_EQ(CV_IMAGE_ELEM(g_markerImage, uint8_t, i / w, i % w), std::clamp(given[i], 0, 255)) << i;
   std::vector<int> ones(markers.size(), 1);
   setMarkerImage(w, h, ones.data(), 0);  // replaces the first (the leak check sees the old one go)
   EXPECT_EQ(cvCountNonZero(g_markerImage), w * h);
@@ -103,7 +103,7 @@ TEST_F(EngineTest, CutOutTakesTheMarksAsTheMaskAndRecordsIt) {
     return marks;
   };
   std::vector<int> first = randomMarks(25), second = randomMarks(10);
-  const std::vector<unsigned char> mask1 = applyMarks(std::vector<unsigned char>(src.size(), 255), first);
+  const std::vector<unsigned char> none(src.size(), 255), mask1 = applyMarks(none, first);
   const std::vector<unsigned char> mask2 = applyMarks(mask1, second);
   std::vector<unsigned char> mask(src.size(), 9);
   setMarkerImage(w, h, first.data(), 0);
@@ -127,11 +127,11 @@ TEST_F(EngineTest, CutOutTakesTheMarksAsTheMaskAndRecordsIt) {
   // A single object pixel has a contour; an empty mask has none and leaves the preview.
   std::vector<int> marks(src.size(), 1);
   for (const bool single : {true, false}) {
-    marks[3 * w + 7] = single ? 2 : 1;
+    marks[157] = single ? 2 : 1;  // (7, 3)
     argb = src;
     setMarkerImage(w, h, marks.data(), 3);
     cutOutImage(0, 0, 0, argb.data(), mask.data());
-    for (size_t i = 0; i < mask.size(); ++i) ASSERT_EQ(mask[i], single && i == 3u * w + 7 ? 0 : 255) << i;
+    for (size_t i = 0; i < mask.size(); ++i) ASSERT_EQ(mask[i], single && i == 157 ? 0 : 255) << i;
     EXPECT_EQ(g_contoursFound, single ? 1 : 0);
     if (!single) { EXPECT_EQ(argb, src); }
   }
@@ -150,7 +150,7 @@ std::vector<unsigned int> squareScene() {
   std::vector<unsigned int> argb = e2e::randomArgb(80, 60, 17);
   for (size_t i = 0; i < argb.size(); ++i) {
     const int x = static_cast<int>(i % 80), y = static_cast<int>(i / 80);
-    const unsigned base = x >= 20 && x < 60 && y >= 15 && y < 45 ? 0x20 : 0xD0, noise = argb[i] & 0x0F;
+    const unsigned noise = argb[i] & 0x0F, base = x >= 20 && x < 60 && y >= 15 && y < 45 ? 0x20 : 0xD0;
     argb[i] = 0xFF000000u | ((base + noise) << 16) | ((base + noise) << 8) | (base + (noise ^ 5));
   }
   return argb;

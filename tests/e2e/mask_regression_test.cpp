@@ -144,6 +144,16 @@ class PhotoEdits : public e2e::EngineTest {
     return e2e::objectOf(mask, w, h);
   }
 
+  // Source pixels per working pixel along each side.
+  double factor() const { return std::max(1.0, std::sqrt(w * static_cast<double>(h) / 76800.0)); }
+  // 255 over r grown by `grow` on every side, within the photo.
+  cv::Mat area(const cv::Rect& r, int grow) const {
+    cv::Mat inside = cv::Mat::zeros(h, w, CV_8U);
+    inside(cv::Rect(r.x - grow, r.y - grow, r.width + 2 * grow, r.height + 2 * grow) & cv::Rect(0, 0, w, h))
+        .setTo(255);
+    return inside;
+  }
+
   std::string name;
   Photo photo;
   int w = 0, h = 0;
@@ -193,24 +203,18 @@ TEST_P(MaskRegression, RectangleAndCorrectiveEditsKeepTheirMasks) {
   // Against the ground truth too: above the rectangle itself (banana1 and
   // cross are hard for a rectangle alone), and nothing beyond the
   // rectangle's reach (only the band refined at full size may pass its border).
-  const double f = std::max(1.0, std::sqrt(w * static_cast<double>(h) / 76800.0));
-  const int reach = static_cast<int>(4 * f) + 2;
-  cv::Mat near = cv::Mat::zeros(h, w, CV_8U), inside = cv::Mat::zeros(h, w, CV_8U);
-  near(cv::Rect(cv::Point(photo.x1 - reach, photo.y1 - reach), cv::Point(photo.x2 + reach + 1, photo.y2 + reach + 1)) &
-       cv::Rect(0, 0, w, h)).setTo(255);
-  inside(cv::Rect(cv::Point(photo.x1, photo.y1), cv::Point(photo.x2 + 1, photo.y2 + 1)) & cv::Rect(0, 0, w, h)).setTo(255);
-  EXPECT_EQ(cv::countNonZero(rect & ~near), 0) << "object far outside the rectangle";
+  const cv::Rect box(cv::Point(photo.x1, photo.y1), cv::Point(photo.x2 + 1, photo.y2 + 1));
+  EXPECT_EQ(cv::countNonZero(rect & ~area(box, static_cast<int>(4 * factor()) + 2)), 0)
+      << "object far outside the rectangle";
   const double iou = intersectionOverUnion(rect, photo.truth);
   const bool hard = GetParam() == "banana1" || GetParam() == "cross";
   EXPECT_GT(iou, hard ? 0.2 : 0.75);
-  if (!hard) { EXPECT_GT(iou, intersectionOverUnion(inside, photo.truth)); }
+  if (!hard) { EXPECT_GT(iou, intersectionOverUnion(area(box, 0), photo.truth)); }
   if (std::find(std::begin(kCorrected), std::end(kCorrected), GetParam()) == std::end(kCorrected)) return;
 
-  const cv::Rect box(cv::Point(photo.x1, photo.y1), cv::Point(photo.x2 + 1, photo.y2 + 1));
-  cv::Mat grownTruth, background = cv::Mat::zeros(h, w, CV_8U);
+  cv::Mat grownTruth;
   cv::dilate(photo.truth, grownTruth, cv::Mat::ones(15, 15, CV_8U));
-  background(box & cv::Rect(0, 0, w, h)).setTo(255);
-  background &= ~grownTruth;
+  const cv::Mat background = area(box, 0) & ~grownTruth;
 
   check(GetParam() + "/add", edit(2, strokeThroughDeepest(photo.truth, 3), 3));
   check(GetParam() + "/remove", edit(3, strokeThroughDeepest(background, 3), 3));
@@ -262,15 +266,11 @@ TEST_F(PhotoEdits, BrushStrokesActNearThemAndTheHistoryReplaysThem) {
     const cv::Mat after = edit(adding ? 2 : 3, stroke, 3, &preview);
     if (after.empty()) GTEST_SKIP() << "the budget ran out under emulation";
     EXPECT_TRUE(e2e::previewOutlinesObject(preview, source, after));
-    EXPECT_EQ(cv::countNonZero(adding ? before & ~after : after & ~before), 0) << "changed the other way";
+    EXPECT_EQ(cv::countNonZero(adding ? before & ~after : after & ~before), 0) << "the other way";
     // The stroke grown by the engine's ring, its margin and the refined band.
-    const double f = std::max(1.0, std::sqrt(w * static_cast<double>(h) / 76800.0));
     const int grow = 3 + static_cast<int>(std::sqrt(w * static_cast<double>(h)) * 0.05) +
-                     static_cast<int>(10 * f) + static_cast<int>(4 * f) + 2;
-    const cv::Rect box = cv::boundingRect(stroke);
-    cv::Mat far(h, w, CV_8U, cv::Scalar(255));
-    far(cv::Rect(box.x - grow, box.y - grow, box.width + 2 * grow, box.height + 2 * grow) & cv::Rect(0, 0, w, h))
-        .setTo(0);
+                     static_cast<int>(10 * factor()) + static_cast<int>(4 * factor()) + 2;
+    const cv::Mat far = ~area(cv::boundingRect(stroke), grow);
     EXPECT_EQ(cv::countNonZero((before != after) & far), 0) << "changes far from the stroke";
     const cv::Mat wrongAfter = adding ? photo.truth & ~after : after & ~photo.truth;
     EXPECT_LT(cv::countNonZero(wrongAfter), cv::countNonZero(wrong)) << "nothing corrected";
@@ -283,7 +283,7 @@ TEST_F(PhotoEdits, BrushStrokesActNearThemAndTheHistoryReplaysThem) {
   EXPECT_TRUE(shows(&undo, masks[1]));
   EXPECT_TRUE(canUndo() && canRedo());
   EXPECT_TRUE(shows(&undo, masks[0]));
-  EXPECT_TRUE(!canUndo() && canRedo()) << "only the first mask is left before the current position";
+  EXPECT_TRUE(!canUndo() && canRedo()) << "only the first mask is left before the position";
   std::fill(mask.begin(), mask.end(), 99);
   show(&undo);
   EXPECT_EQ(preview, e2e::opaque(source)) << "before the first edit: the plain source";

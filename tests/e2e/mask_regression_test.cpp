@@ -186,16 +186,6 @@ class MaskRegression : public PhotoEdits, public ::testing::WithParamInterface<s
   }
 };
 
-TEST(MaskRuns, RoundTripOnRandomMasks) {
-  cv::RNG rng(7);
-  for (int t = 0; t < 20; ++t) {
-    cv::Mat object(1 + t % 7, 1 + t * 3, CV_8U);
-    rng.fill(object, cv::RNG::UNIFORM, 0, 2);
-    object *= 255;
-    EXPECT_EQ(cv::countNonZero(maskOfRuns(runsOf(object), object.cols, object.rows) != object), 0);
-  }
-}
-
 TEST_P(MaskRegression, RectangleAndCorrectiveEditsKeepTheirMasks) {
   const cv::Mat rect = rectangle();
   if (rect.empty()) GTEST_SKIP() << "the budget ran out under emulation";

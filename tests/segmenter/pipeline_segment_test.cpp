@@ -99,7 +99,7 @@ TEST_F(PipelineSegment, EditsBecomeLabels) {
 TEST_F(PipelineSegment, EveryPhotoSegmentedDirectly) {
   if (!photoSetAvailable()) GTEST_SKIP() << "photo set not available";
   double sum = 0.0, rectSum = 0.0;
-  int leftOut = 0;
+  int done = 0;
   for (const std::string& name : photoNames()) {
     const Photo p = loadPhoto(name);
     const double s = std::sqrt(76800.0 / (p.image.cols * p.image.rows));
@@ -116,38 +116,33 @@ TEST_F(PipelineSegment, EveryPhotoSegmentedDirectly) {
     loop(rect.x, rect.y, rect.br().x - 1, rect.br().y - 1);
     LogCapture log;
     IplImage* mask = hybrid->segment();
-    if (mask == nullptr && SEGCORE_EMULATED) {
-      // Under emulation a heavy photo can spend the 10 s budget.
-      std::printf("%-10s budget spent under emulation, left out\n", name.c_str());
-      ++leftOut;
-      TearDown();
-      continue;
+    if (mask != nullptr || !SEGCORE_EMULATED) {  // under emulation the budget may run out
+      ASSERT_NE(mask, nullptr) << name;
+      EXPECT_EQ(log.countPrefix("Error", "") + log.countPrefix("Info", "Passed:"), 0) << log.dump();
+      EXPECT_EQ(g_imageResizeFactor, 1.0f) << name;
+      const cv::Mat m = view(mask).clone();
+      cvReleaseImage(&mask);
+      EXPECT_EQ(cv::countNonZero((m != 0) & (m != 255)), 0);
+      IplImage* newest = ZIRKSEManageUndoRedo::prevMask();
+      EXPECT_TRUE(newest != nullptr && cv::countNonZero(view(newest) != m) == 0);
+      ZIRK_ReleaseImage(&newest);
+      EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_cropSrcImage == nullptr &&
+                  hybrid->m_labelHistory[0] == nullptr);
+      const double iou = intersectionOverUnion(m, truth);
+      EXPECT_GT(iou, 0.3) << name;
+      std::printf("%-10s %dx%d IoU %.4f\n", name.c_str(), size.width, size.height, iou);
+      sum += iou;
+      rectMask(rect).setTo(255);
+      rectSum += intersectionOverUnion(rectMask, truth);
+      ++done;
     }
-    ASSERT_NE(mask, nullptr) << name;
-    EXPECT_EQ(log.countPrefix("Error", "") + log.countPrefix("Info", "Passed:"), 0) << log.dump();
-    EXPECT_EQ(g_imageResizeFactor, 1.0f) << name;
-    const cv::Mat m = view(mask).clone();
-    cvReleaseImage(&mask);
-    EXPECT_EQ(cv::countNonZero((m != 0) & (m != 255)), 0);
-    IplImage* newest = ZIRKSEManageUndoRedo::prevMask();
-    EXPECT_TRUE(newest != nullptr && cv::countNonZero(view(newest) != m) == 0);
-    ZIRK_ReleaseImage(&newest);
-    EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_cropSrcImage == nullptr &&
-                hybrid->m_labelHistory[0] == nullptr);
-    const double iou = intersectionOverUnion(m, truth);
-    EXPECT_GT(iou, 0.3) << name;
-    sum += iou;
-    rectMask(rect).setTo(255);
-    rectSum += intersectionOverUnion(rectMask, truth);
-    std::printf("%-10s %dx%d IoU %.4f\n", name.c_str(), size.width, size.height, iou);
     TearDown();
   }
   EXPECT_EQ(photoNames().size(), 13u);
-  EXPECT_LE(leftOut, 2);
-  const double n = static_cast<double>(photoNames().size()) - leftOut;
-  std::printf("mean IoU %.4f (rectangle alone %.4f)\n", sum / n, rectSum / n);
-  EXPECT_GT(sum / n, 0.8);
-  EXPECT_GT(sum / n, rectSum / n + 0.1);
+  EXPECT_GE(done, 11);
+  std::printf("mean IoU %.4f (rectangle alone %.4f)\n", sum / done, rectSum / done);
+  EXPECT_GT(sum / done, 0.8);
+  EXPECT_GT(sum / done, rectSum / done + 0.1);
 }
 
 // A cancel raised before the request ends it once the box is set up, before
@@ -168,10 +163,9 @@ TEST_F(PipelineSegment, CancelEndsAfterTheFirstIterationAndKeepsTheHistory) {
   EXPECT_EQ(hybrid->segment(), nullptr);
   EXPECT_EQ(log.count(6, "Error", "Segmentation canceled due to timeout"), 1) << log.dump();
   EXPECT_EQ(std::accumulate(hybrid->m_fgModel.m_weight, hybrid->m_fgModel.m_weight + 5, 0.0), 0.0);
-  EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_trimapGraph == nullptr);
+  EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_trimapGraph == nullptr && g_cancelTimer == nullptr);
   EXPECT_TRUE(hybrid->m_cropSrcImage == nullptr && hybrid->m_cropLabelImage == nullptr &&
               hybrid->m_initLabelImage == nullptr);
-  EXPECT_EQ(g_cancelTimer, nullptr);
   for (IplImage* h : hybrid->m_labelHistory) EXPECT_EQ(h, nullptr);
   EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, current);
   IplImage* newest = ZIRKSEManageUndoRedo::prevMask();

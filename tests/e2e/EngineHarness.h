@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <string>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "engine/SegmentationCore.h"
@@ -50,47 +50,31 @@ inline bool budgetSpentUnderEmulation(const std::vector<unsigned char>& mask, un
 
 // The caller's mask (0 = object) as a 0/255 object image.
 inline cv::Mat objectOf(const std::vector<unsigned char>& mask, int width, int height) {
-  cv::Mat object(height, width, CV_8U);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x)
-      object.at<uint8_t>(y, x) = mask[static_cast<size_t>(y) * width + x] == 0 ? 255 : 0;
-  return object;
-}
-
-// Pixels with a 4-neighbour on the other side of the object's edge; beyond
-// the image border counts as background.
-inline cv::Mat edgePixels(const cv::Mat& object) {
-  cv::Mat grown, shrunk;
-  const cv::Mat cross = cv::getStructuringElement(cv::MORPH_CROSS, cv::Size(3, 3));
-  cv::dilate(object, grown, cross, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
-  cv::erode(object, shrunk, cross, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
-  return grown != shrunk;
+  return cv::Mat(height, width, CV_8U, const_cast<unsigned char*>(mask.data())) == 0;
 }
 
 // The preview is the source everywhere except opaque yellow outline pixels,
-// each within `reach` pixels of the object's edge; an object that has an
-// edge gets at least one outline pixel.
+// each within `reach` pixels of the object's edge (a pixel with a
+// 4-neighbour on the other side; beyond the border counts as background);
+// an object that has an edge gets at least one outline pixel.
 inline ::testing::AssertionResult previewOutlinesObject(const std::vector<unsigned int>& preview,
                                                         const std::vector<unsigned int>& source,
                                                         const cv::Mat& object, int reach = 2) {
-  cv::Mat nearEdge;
-  const cv::Mat edges = edgePixels(object);
-  cv::dilate(edges, nearEdge, cv::Mat::ones(2 * reach + 1, 2 * reach + 1, CV_8U));
+  cv::Mat grown, shrunk, nearEdge;
+  const cv::Mat cross = cv::getStructuringElement(cv::MORPH_CROSS, cv::Size(3, 3));
+  cv::dilate(object, grown, cross, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+  cv::erode(object, shrunk, cross, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
+  cv::dilate(grown != shrunk, nearEdge, cv::Mat::ones(2 * reach + 1, 2 * reach + 1, CV_8U));
   int painted = 0;
-  for (int y = 0; y < object.rows; ++y) {
-    for (int x = 0; x < object.cols; ++x) {
-      const size_t i = static_cast<size_t>(y) * object.cols + x;
-      if (preview[i] == source[i]) continue;
-      if (preview[i] != kYellow)
-        return ::testing::AssertionFailure() << "pixel (" << x << ", " << y << ") changed to "
-                                             << std::hex << preview[i];
-      if (nearEdge.at<uint8_t>(y, x) == 0)
-        return ::testing::AssertionFailure() << "outline pixel (" << x << ", " << y
-                                             << ") far from the object's edge";
-      ++painted;
-    }
+  for (size_t i = 0; i < preview.size(); ++i) {
+    if (preview[i] == source[i]) continue;
+    const int x = static_cast<int>(i % object.cols), y = static_cast<int>(i / object.cols);
+    if (preview[i] != kYellow || nearEdge.at<uint8_t>(y, x) == 0)
+      return ::testing::AssertionFailure() << "pixel (" << x << ", " << y << ") changed to " << std::hex
+                                           << preview[i] << " away from the edge or not yellow";
+    ++painted;
   }
-  if (cv::countNonZero(edges) > 0 && painted == 0)
+  if (cv::countNonZero(grown != shrunk) > 0 && painted == 0)
     return ::testing::AssertionFailure() << "no outline painted";
   return ::testing::AssertionSuccess();
 }

@@ -1,4 +1,5 @@
-// Neighbour weights against exp(-beta |p - q|^2) evaluated directly, and the
+// The box around the marks, cropping to it and the object's own resources;
+// neighbour weights against exp(-beta |p - q|^2) evaluated directly, and the
 // graphs read back from their node and arc arrays against capacities computed
 // here from the colour models, the stored weights and the contrast formula.
 #include <cmath>
@@ -205,6 +206,85 @@ TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
       if (at(trimap, p % w, p / w) == 7) { EXPECT_EQ(g->m_nodes[p].tree, FREE) << p; }
     for (IplImage* img : {colour, trimap, fa, fb}) cvReleaseImage(&img);
   }
+}
+
+using segtest::view;
+
+class CoreBoundingBox : public segtest::SegmenterTest {
+ protected:
+  void SetUp() override {
+    std::mt19937 rng(1);
+    setWorkingImage(segtest::randomImage(100, 80, 3, rng));
+    ZIRKSEMarker::m_labelImage = segtest::filledImage(100, 80, 1, 1);
+  }
+  // Box corners (inclusive) and the area threshold (when not -1) after computeBoundingBox.
+  void expectBox(int x0, int y0, int x1, int y1, int64_t threshold) {
+    hybrid->computeBoundingBox();
+    EXPECT_EQ(cv::Rect(ZIRKSEMarker::m_xMinBBox, ZIRKSEMarker::m_yMinBBox, hybrid->m_cropWidth,
+                       hybrid->m_cropHeight),
+              cv::Rect(cv::Point(x0, y0), cv::Point(x1 + 1, y1 + 1)));
+    if (threshold >= 0) { EXPECT_EQ(hybrid->m_areaThreshold, threshold); }
+  }
+};
+
+TEST_F(CoreBoundingBox, FromTheLoopPointsOrTheLabels) {
+  expectBox(0, 0, 10, 10, 0);  // no mark at all: the corner box
+  // A box request: unknown and estimated-object labels; estimated background is no mark.
+  const cv::Mat labels = view(ZIRKSEMarker::m_labelImage);
+  labels(cv::Rect(20, 30, 31, 11)).setTo(0);
+  labels(cv::Rect(55, 42, 6, 3)).setTo(4);
+  labels(cv::Rect(5, 5, 4, 4)).setTo(3);
+  expectBox(10, 20, 70, 54, static_cast<int64_t>(14 * 40 * 0.1));
+  // An adding brush: only its ring (4); a removing one: only 3.
+  ZIRKSEMarker::currentStroke.points = {1, 1, 2, 2};
+  ZIRKSEMarker::currentStroke.type = kEditStrokeAdd;
+  expectBox(45, 32, 70, 54, -1);
+  ZIRKSEMarker::currentStroke.type = kEditStrokeRemove;
+  expectBox(0, 0, 18, 18, -1);
+  // Loop points in source pixels at factor 2: the loop spans working (0, 0)..(30, 25) and
+  // touches the top-left corner, so the margin appears only right and below.
+  g_imageResizeFactor = 2.0f;
+  ZIRKSEMarker::currentStroke.type = kEditLoopAdd;
+  ZIRKSEMarker::currentStroke.points = {0, 0, 61, 0, 61, 51, 0, 51};
+  expectBox(0, 0, 40, 35, static_cast<int64_t>(25 * 30 * 0.1));
+  ZIRKSEMarker::currentStroke.points = {150, 130, 199, 130, 199, 159};  // the opposite corner
+  expectBox(65, 55, 99, 79, -1);
+  // On a working image smaller than the margin the box is the image.
+  g_imageResizeFactor = 1.0f;
+  ZIRKSEMarker::currentStroke.type = kEditStrokeRemove;
+  ZIRKSEMarker::currentStroke.points = {1, 1, 2, 2};
+  setWorkingImage(segtest::filledImage(6, 4, 3, 1));
+  ZIRK_ReleaseImage(&ZIRKSEMarker::m_labelImage);
+  ZIRKSEMarker::m_labelImage = segtest::filledImage(6, 4, 1, 2);
+  expectBox(0, 0, 5, 3, -1);
+}
+
+// Crops hold the box pixels and zeros past the image. Graphs can be replaced
+// and released repeatedly; whatever is still held when the object goes is
+// released with it (the sanitizer build reports anything left behind).
+TEST_F(CoreBoundingBox, CropAndTheObjectsOwnResources) {
+  for (IplImage* src : {ZIRKSEMarker::m_srcImage, ZIRKSEMarker::m_labelImage}) {
+    setBox(7, 9, 31, 22);
+    IplImage* crop = hybrid->cropImage(src);
+    ASSERT_NE(crop, nullptr);
+    EXPECT_EQ(cv::norm(view(crop), view(src)(cv::Rect(7, 9, 31, 22)), cv::NORM_INF), 0.0);
+    cvReleaseImage(&crop);
+    setBox(90, 70, 20, 20);  // reaching past the image
+    crop = hybrid->cropImage(src);
+    cv::Mat expected(20, 20, view(src).type(), cv::Scalar::all(0));
+    view(src)(cv::Rect(90, 70, 10, 10)).copyTo(expected(cv::Rect(0, 0, 10, 10)));
+    EXPECT_EQ(cv::norm(view(crop), expected, cv::NORM_INF), 0.0);
+    cvReleaseImage(&crop);
+  }
+  setBox(3, 4, 12, 7);
+  for (int i = 0; i < 2; ++i) hybrid->graphSpaceAllocator();
+  for (int i = 0; i < 2; ++i) hybrid->graphSpaceDellocator();
+  EXPECT_EQ(hybrid->m_graph, nullptr);
+  hybrid->graphSpaceAllocator();
+  hybrid->computeNlinks();
+  hybrid->m_trimapGraph = new ZIRKSEGraph(4, 32, 2, 2, 0);
+  hybrid->m_cropSrcImage = hybrid->cropImage(ZIRKSEMarker::m_srcImage);
+  hybrid->m_labelHistory[1] = cvCloneImage(ZIRKSEMarker::m_labelImage);
 }
 
 }  // namespace

@@ -1,13 +1,15 @@
 // From a marker image to a mask: the label image of an edit, whole
-// segmentations of the photo set on both the reduced and the direct path,
-// cancellation, and the full-resolution refinement of a working-size mask.
+// segmentations of the photo set, cancellation and the budget timer, and the
+// full-resolution refinement of a working-size mask.
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <numeric>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "colormodel/TrainingData.h"
@@ -89,48 +91,35 @@ TEST_F(PipelineSegment, EditsBecomeLabels) {
   }
 }
 
-// Every photo from its rectangle, at its own size (reduced inside the engine,
-// then refined in a band) and reduced beforehand to at most 76800 pixels
-// (segmented directly). Each mask is 0/255 and is the history's newest; the
-// per-request state is gone; the band refinement ran or found no boundary,
-// and nothing else is reported. Mean IoU above 0.8 and well above the
-// rectangle's own.
-TEST_F(PipelineSegment, EveryPhotoOnTheReducedAndTheDirectPath) {
+// Every photo from its rectangle, reduced beforehand to at most 76800 pixels
+// so that it is segmented directly (at its own size the masks are the mask
+// regression's). Each mask is 0/255 and the history's newest; the
+// per-request state is gone; nothing is reported. Mean IoU above 0.8 and
+// well above the rectangle's own.
+TEST_F(PipelineSegment, EveryPhotoSegmentedDirectly) {
   if (!photoSetAvailable()) GTEST_SKIP() << "photo set not available";
-  for (const bool direct : {false, true}) {
-    double sum = 0.0, rectSum = 0.0;
-    int refined = 0, leftOut = 0;
-    for (const std::string& name : photoNames()) {
-      const Photo p = loadPhoto(name);
-      const double s = direct ? std::sqrt(76800.0 / (p.image.cols * p.image.rows)) : 1.0;
-      const cv::Size size(static_cast<int>(p.image.cols * s), static_cast<int>(p.image.rows * s));
-      cv::Mat image = p.image, truth = p.truth;
-      cv::resize(p.image, image, size, 0, 0, cv::INTER_AREA);
-      cv::resize(p.truth, truth, size, 0, 0, cv::INTER_NEAREST);
-      const double fx = double(size.width) / p.image.cols, fy = double(size.height) / p.image.rows;
-      // Some rectangles reach one pixel past the image.
-      const cv::Rect rect = cv::Rect(cv::Point(int(p.x1 * fx), int(p.y1 * fy)),
-                                     cv::Point(int(p.x2 * fx) + 1, int(p.y2 * fy) + 1)) &
-                            cv::Rect(cv::Point(0, 0), size);
-      start(image);
-      loop(rect.x, rect.y, rect.br().x - 1, rect.br().y - 1);
-      LogCapture log;
-      IplImage* mask = hybrid->segment();
-      if (mask == nullptr && SEGCORE_EMULATED) {
-        // Under emulation a heavy photo can spend the 10 s budget.
-        std::printf("%-10s budget spent under emulation, left out\n", name.c_str());
-        ++leftOut;
-        TearDown();
-        continue;
-      }
+  double sum = 0.0, rectSum = 0.0;
+  int done = 0;
+  for (const std::string& name : photoNames()) {
+    const Photo p = loadPhoto(name);
+    const double s = std::sqrt(76800.0 / (p.image.cols * p.image.rows));
+    const cv::Size size(static_cast<int>(p.image.cols * s), static_cast<int>(p.image.rows * s));
+    cv::Mat image, truth, rectMask(size, CV_8U, cv::Scalar(0));
+    cv::resize(p.image, image, size, 0, 0, cv::INTER_AREA);
+    cv::resize(p.truth, truth, size, 0, 0, cv::INTER_NEAREST);
+    const double fx = double(size.width) / p.image.cols, fy = double(size.height) / p.image.rows;
+    // Some rectangles reach one pixel past the image.
+    const cv::Rect rect = cv::Rect(cv::Point(int(p.x1 * fx), int(p.y1 * fy)),
+                                   cv::Point(int(p.x2 * fx) + 1, int(p.y2 * fy) + 1)) &
+                          cv::Rect(cv::Point(0, 0), size);
+    start(image);
+    loop(rect.x, rect.y, rect.br().x - 1, rect.br().y - 1);
+    LogCapture log;
+    IplImage* mask = hybrid->segment();
+    if (mask != nullptr || !SEGCORE_EMULATED) {  // under emulation the budget may run out
       ASSERT_NE(mask, nullptr) << name;
-      const int refinements = log.countPrefix("Info", "Passed:");
-      const int plain = log.countPrefix("Error", "Failed: xmin:");
-      EXPECT_EQ(refinements + plain, direct ? 0 : 1) << name;
-      EXPECT_EQ(log.countPrefix("Error", ""), plain) << log.dump();
-      refined += refinements;
-      EXPECT_TRUE(direct ? g_imageResizeFactor == 1.0f : g_imageResizeFactor > 1.0f) << name;
-      if (!direct && size == cv::Size(640, 480)) { EXPECT_FLOAT_EQ(g_imageResizeFactor, 2.0f) << name; }
+      EXPECT_EQ(log.countPrefix("Error", "") + log.countPrefix("Info", "Passed:"), 0) << log.dump();
+      EXPECT_EQ(g_imageResizeFactor, 1.0f) << name;
       const cv::Mat m = view(mask).clone();
       cvReleaseImage(&mask);
       EXPECT_EQ(cv::countNonZero((m != 0) & (m != 255)), 0);
@@ -141,21 +130,19 @@ TEST_F(PipelineSegment, EveryPhotoOnTheReducedAndTheDirectPath) {
                   hybrid->m_labelHistory[0] == nullptr);
       const double iou = intersectionOverUnion(m, truth);
       EXPECT_GT(iou, 0.3) << name;
+      std::printf("%-10s %dx%d IoU %.4f\n", name.c_str(), size.width, size.height, iou);
       sum += iou;
-      cv::Mat rectMask(size, CV_8U, cv::Scalar(0));
       rectMask(rect).setTo(255);
       rectSum += intersectionOverUnion(rectMask, truth);
-      std::printf("%-10s %dx%d IoU %.4f\n", name.c_str(), size.width, size.height, iou);
-      TearDown();
+      ++done;
     }
-    EXPECT_EQ(photoNames().size(), 13u);
-    EXPECT_LE(leftOut, 2);
-    const double n = static_cast<double>(photoNames().size()) - leftOut;
-    std::printf("mean IoU %.4f (rectangle alone %.4f)\n", sum / n, rectSum / n);
-    EXPECT_GT(sum / n, 0.8);
-    EXPECT_GT(sum / n, rectSum / n + 0.1);
-    if (!direct) { EXPECT_GE(refined, 12 - leftOut); }
+    TearDown();
   }
+  EXPECT_EQ(photoNames().size(), 13u);
+  EXPECT_GE(done, 11);
+  std::printf("mean IoU %.4f (rectangle alone %.4f)\n", sum / done, rectSum / done);
+  EXPECT_GT(sum / done, 0.8);
+  EXPECT_GT(sum / done, rectSum / done + 0.1);
 }
 
 // A cancel raised before the request ends it once the box is set up, before
@@ -176,10 +163,9 @@ TEST_F(PipelineSegment, CancelEndsAfterTheFirstIterationAndKeepsTheHistory) {
   EXPECT_EQ(hybrid->segment(), nullptr);
   EXPECT_EQ(log.count(6, "Error", "Segmentation canceled due to timeout"), 1) << log.dump();
   EXPECT_EQ(std::accumulate(hybrid->m_fgModel.m_weight, hybrid->m_fgModel.m_weight + 5, 0.0), 0.0);
-  EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_trimapGraph == nullptr);
+  EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_trimapGraph == nullptr && g_cancelTimer == nullptr);
   EXPECT_TRUE(hybrid->m_cropSrcImage == nullptr && hybrid->m_cropLabelImage == nullptr &&
               hybrid->m_initLabelImage == nullptr);
-  EXPECT_EQ(g_cancelTimer, nullptr);
   for (IplImage* h : hybrid->m_labelHistory) EXPECT_EQ(h, nullptr);
   EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, current);
   IplImage* newest = ZIRKSEManageUndoRedo::prevMask();
@@ -199,8 +185,11 @@ TEST_F(PipelineSegment, CancelEndsAfterTheFirstIterationAndKeepsTheHistory) {
   cvReleaseImage(&known);
 }
 
-// Without a boundary there is no band: the plain enlargement, with its log line.
-TEST_F(PipelineSegment, EmptyOrFullMaskIsEnlargedPlainly) {
+// Without a boundary there is no band: the plain enlargement, with its log
+// line. A red disc on green ground at 200x150, segmented at 100x75: the band
+// cut recovers the round outline that the nearest enlargement turns into
+// steps, and it changes nothing away from the boundary.
+TEST_F(PipelineSegment, UpscalingRefinesTheOutlineOnly) {
   source(cv::Mat(48, 64, CV_8UC3, cv::Scalar(10, 20, 30)));
   ZIRKSEMarker::m_labelImage = filledImage(32, 24, 1, 1);
   for (const int value : {0, 1}) {
@@ -208,20 +197,15 @@ TEST_F(PipelineSegment, EmptyOrFullMaskIsEnlargedPlainly) {
     IplImage* mask = filledImage(32, 24, 1, value);
     IplImage* result = hybrid->intelligentUpscaling(mask);
     ASSERT_NE(result, nullptr);
-    EXPECT_EQ(segtest::view(result).size(), cv::Size(64, 48));
-    EXPECT_EQ(cv::countNonZero(segtest::view(result) == 255 * value), 64 * 48);
-    EXPECT_EQ(log.count(6, "Error", "Failed: xmin:2147483647, xmax:-1, ymin:2147483647, ymax:-1"), 1)
-        << log.dump();
+    EXPECT_EQ(cv::countNonZero(view(result) == 255 * value), 64 * 48);
+    EXPECT_EQ(log.countPrefix("Error", "Failed: xmin:"), 1) << log.dump();
     EXPECT_EQ(hybrid->m_trimapGraph, nullptr);
     cvReleaseImage(&mask);
     cvReleaseImage(&result);
   }
-}
+  ZIRK_ReleaseImage(&ZIRKSEMarker::m_labelImage);
+  ZIRK_ReleaseImage(&ZIRKSEMarker::m_originalImage);
 
-// A red disc on green ground at 200x150, segmented at 100x75: the band cut
-// recovers the round outline that the nearest enlargement turns into steps,
-// and it changes nothing away from the boundary.
-TEST_F(PipelineSegment, BandCutRefinesTheOutlineOnly) {
   std::mt19937 rng(9);
   std::uniform_int_distribution<int> noise(-12, 12);
   cv::Mat bgr(150, 200, CV_8UC3), truth(150, 200, CV_8UC1);
@@ -267,6 +251,20 @@ TEST_F(PipelineSegment, BandCutRefinesTheOutlineOnly) {
   cv::erode(enlarged, inner, cv::Mat::ones(9, 9, CV_8U));
   EXPECT_EQ(cv::countNonZero((refined != enlarged) & (outer == inner)), 0);
   EXPECT_EQ(cv::countNonZero((refined != 0) & (refined != 255)), 0);
+}
+
+// The budget check between iterations leaves the budget timer running, so the
+// max-flow of the next iteration still sees time pass.
+TEST_F(PipelineSegment, BudgetTimerKeepsRunningAfterTheIterationCheck) {
+  g_cancelTimer = create_timer();
+  start_cpu_timer(g_cancelTimer);
+  EXPECT_FALSE(hybrid->cancelSegmentation());
+  const double first = get_elapsed_time_in_millisec(g_cancelTimer);
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_GE(get_elapsed_time_in_millisec(g_cancelTimer), first + 4.0);
+  g_cancelTimer->start.tv_sec -= 11;  // the budget is now spent
+  EXPECT_TRUE(ZIRK_shouldStopSegmentation());
+  EXPECT_TRUE(hybrid->cancelSegmentation());
 }
 
 }  // namespace

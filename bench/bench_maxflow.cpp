@@ -73,7 +73,7 @@ inline GridGraph photoGraph(const cv::Mat& bgr, int x1, int y1, int x2, int y2, 
 
 namespace {
 
-using gridtest::ImageGraph;
+using ImageGraph = gridtest::GridGraph;
 
 const ImageGraph& photoGraph320(const std::string& name) {
   static std::map<std::string, ImageGraph> cache;

@@ -28,7 +28,6 @@ struct GridGraph {
   std::vector<Slot> e;
   int nodes() const { return w * h; }
 };
-using ImageGraph = GridGraph;
 
 // Neighbour of node p through edge slot k, or -1 outside the grid.
 inline int slotNeighbour(int w, int p, int k) {

@@ -23,8 +23,7 @@ using gridtest::Slot;
 
 // A one-component model around `level` in every channel.
 void singleColour(ZIRKSEColorModel* m, double level) {
-  for (int k = 0; k < 5; ++k) m->m_weight[k] = 0.0;
-  m->m_weight[0] = 1.0;
+  m->m_weight[0] = 1.0;  // the others stay 0
   for (int c = 0; c < 3; ++c) m->m_mean[0][c] = level;
   for (int i = 0; i < 9; ++i) m->m_covariance[0][i] = i % 4 == 0 ? 900.0 : 0.0;
   m->setDeterminant();

@@ -7,7 +7,9 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <map>
 #include <memory>
 #include <string>
@@ -17,9 +19,61 @@
 #include "graphcut/GridGraphTestUtil.h"
 #include "graphcut/ZIRKSEGraph.h"
 
+namespace gridtest {
+
+// A graph from a photo, in the spirit of the segmentation: inside the
+// rectangle t-links are -log of the other region's colour histogram, outside
+// it the pixel is tied to the sink; edges weigh 50 exp(-beta |dI|^2) / distance.
+inline GridGraph imageGraph(const cv::Mat& bgr, cv::Rect rect) {
+  GridGraph g(bgr.cols, bgr.rows);
+  const int n = g.nodes();
+  rect &= cv::Rect(0, 0, g.w, g.h);
+  auto colour = [&](int p) { return cv::Vec3d(bgr.at<cv::Vec3b>(p / g.w, p % g.w)); };
+  auto bin = [&](int p) {
+    const cv::Vec3d c = colour(p) / 32.0;
+    return int(c[0]) * 64 + int(c[1]) * 8 + int(c[2]);
+  };
+  auto inside = [&](int p) { return rect.contains(cv::Point(p % g.w, p / g.w)); };
+  std::vector<double> hist[2] = {std::vector<double>(512, 1.0), std::vector<double>(512, 1.0)};
+  for (int p = 0; p < n; ++p) hist[inside(p)][bin(p)] += 1.0;  // Laplace-smoothed counts
+  const double total[2] = {512.0 + n - rect.area(), 512.0 + rect.area()};
+  for (int p = 0; p < n; ++p) {
+    g.src[p] = inside(p) ? static_cast<float>(-std::log(hist[0][bin(p)] / total[0])) : 0.0f;
+    g.snk[p] = inside(p) ? static_cast<float>(-std::log(hist[1][bin(p)] / total[1])) : 1000.0f;
+  }
+  std::vector<double> d2(4 * n, -1.0);
+  double sum = 0.0, count = 0.0;
+  for (int i = 0; i < 4 * n; ++i) {
+    const int q = slotNeighbour(g.w, i / 4, i % 4);
+    if (q < 0) continue;
+    const cv::Vec3d d = colour(i / 4) - colour(q);
+    sum += d2[i] = d.dot(d);
+    count += 1.0;
+  }
+  const double beta = sum > 0.0 ? count / (2.0 * sum) : 0.0;
+  for (int i = 0; i < 4 * n; ++i) {
+    if (d2[i] < 0.0) continue;
+    const float c = static_cast<float>(50.0 * std::exp(-beta * d2[i]) / (i % 2 == 1 ? std::sqrt(2.0) : 1.0));
+    g.e[i] = Slot{c, c, false};
+  }
+  return g;
+}
+
+// The photo resized to w x h with its rectangle scaled along.
+inline GridGraph photoGraph(const cv::Mat& bgr, int x1, int y1, int x2, int y2, int w, int h) {
+  cv::Mat small;
+  cv::resize(bgr, small, cv::Size(w, h), 0, 0, cv::INTER_AREA);
+  const double sx = double(w) / bgr.cols, sy = double(h) / bgr.rows;
+  const cv::Rect rect(int(x1 * sx), int(y1 * sy), std::max(1, int((x2 - x1 + 1) * sx)),
+                      std::max(1, int((y2 - y1 + 1) * sy)));
+  return imageGraph(small, rect);
+}
+
+}  // namespace gridtest
+
 namespace {
 
-using gridtest::ImageGraph;
+using ImageGraph = gridtest::GridGraph;
 
 const ImageGraph& photoGraph320(const std::string& name) {
   static std::map<std::string, ImageGraph> cache;

@@ -1,19 +1,13 @@
 // The colour model: mixture densities against a direct formula, diagonal
-// loading, component choice, the simplicity test and EM; training samples
-// from labelled images and the fits; k-means with k-means++ seeding.
-//
-// Seeds depend on the C library's generator, which differs between C
-// libraries: every expected seed is computed here from srand/rand itself.
+// loading, the simplicity test and EM; training samples from labelled
+// images; k-means on separated blobs, threaded and not.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <opencv2/core/core_c.h>
-#include <opencv2/imgproc.hpp>
 #include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cfloat>
-#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -25,7 +19,6 @@
 #include "colormodel/TrainingData.h"
 #include "colormodel/ZIRKSEColorModel.h"
 #include "common/LogCapture.h"
-#include "common/PhotoSet.h"
 #include "engine/ZIRKSEMarker.h"
 
 // Counts the threads the code under test starts: four per k-means iteration
@@ -44,9 +37,6 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, voi
 namespace {
 
 cv::Vec3d vec(const pixelVal& x) { return cv::Vec3d(x.c0, x.c1, x.c2); }
-bool same(const pixelVal& a, const pixelVal& b) { return vec(a) == vec(b); }
-double sq(const pixelVal& a, const pixelVal& b) { return cv::norm(vec(a) - vec(b), cv::NORM_L2SQR); }
-bool equalBytes(const ZIRKSEColorModel& a, const ZIRKSEColorModel& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // exp(-0.5 (x-mu)^T S^-1 (x-mu)) / sqrt(det S) through OpenCV's Cholesky
 // solve and determinant, without (2 pi)^(-3/2).
@@ -56,21 +46,16 @@ double density(const double* mean, const double* cov, const pixelVal& x) {
   return std::exp(-0.5 * d.dot(s.solve(d, cv::DECOMP_CHOLESKY))) / std::sqrt(cv::determinant(s));
 }
 
-// Appends samples of one Gaussian blob with a diagonal spread.
-void blob(std::mt19937& rng, const double* mean, double sd, int count, std::vector<pixelVal>* out) {
+// One sample of a Gaussian blob with a diagonal spread; appends count of them to out.
+pixelVal blob(std::mt19937& rng, const double* mean, double sd, int count = 1,
+              std::vector<pixelVal>* out = nullptr) {
   std::normal_distribution<double> g(0.0, sd);
-  for (int i = 0; i < count; ++i) out->push_back(pixelVal{mean[0] + g(rng), mean[1] + g(rng), mean[2] + g(rng)});
-}
-
-// Five separated blobs of different sizes and spreads, with their membership.
-void fiveBlobs(unsigned seed, std::vector<pixelVal>* samples, std::vector<int>* member) {
-  std::mt19937 rng(seed);
-  const double means[5][3] = {{20, 30, 40}, {220, 40, 30}, {40, 210, 60}, {50, 60, 220}, {210, 200, 190}};
-  const int sizes[5] = {300, 120, 200, 80, 250};
-  for (int k = 0; k < 5; ++k) {
-    blob(rng, means[k], 3.0 + k, sizes[k], samples);
-    member->resize(samples->size(), k);
+  pixelVal x{};
+  for (int i = 0; i < count; ++i) {
+    x = pixelVal{mean[0] + g(rng), mean[1] + g(rng), mean[2] + g(rng)};
+    if (out != nullptr) out->push_back(x);
   }
+  return x;
 }
 
 // Share, mean and covariance of the samples weighted by w by direct sums
@@ -88,11 +73,6 @@ Moments moments(const std::vector<pixelVal>& s, const std::vector<double>& w) {
   for (size_t i = 0; i < s.size(); ++i) m.cov += w[i] / total * (vec(s[i]) - m.mean) * (vec(s[i]) - m.mean).t();
   m.weight = total / s.size();
   return m;
-}
-Moments moments(const std::vector<pixelVal>& s, const std::vector<int>& labels, int k) {
-  std::vector<double> w;
-  for (int label : labels) w.push_back(label == k ? 1.0 : 0.0);
-  return moments(s, w);
 }
 
 class ColorModel : public ::testing::Test {
@@ -133,23 +113,15 @@ ZIRKSEColorModel randomModel(std::mt19937& rng) {
   return m;
 }
 
-pixelVal near(std::mt19937& rng, const double* mean, double spread) {
-  std::vector<pixelVal> one;
-  blob(rng, mean, spread, 1, &one);
-  return one[0];
-}
-
 // Colour densities against the direct formula, the grey densities against
-// the one-dimensional formula on channel 0, and components switched off
-// (weight 0 or determinant 0) contributing nothing.
+// the one-dimensional formula on channel 0, and a component switched off
+// (determinant 0) contributing nothing.
 TEST_F(ColorModel, DensitiesMatchDirectFormulas) {
   std::mt19937 rng(7);
   for (int trial = 0; trial < 50; ++trial) {
     ZIRKSEColorModel m = randomModel(rng);
-    for (int k = 0; k < 5; ++k)
-      EXPECT_NEAR(m.m_determinant[k], cv::determinant(cv::Matx33d(m.m_covariance[k])), 1e-9 * m.m_determinant[k]);
     for (int s = 0; s < 20; ++s) {
-      const pixelVal x = near(rng, m.m_mean[s % 5], 6.0);
+      const pixelVal x = blob(rng, m.m_mean[s % 5], 6.0);
       double mix = 0, grey = 0;
       for (int k = 0; k < 5; ++k) {
         const double expected = density(m.m_mean[k], m.m_covariance[k], x);
@@ -163,71 +135,39 @@ TEST_F(ColorModel, DensitiesMatchDirectFormulas) {
       EXPECT_NEAR(m.GMMProb(x), mix, 1e-9 * mix + 1e-300);
       EXPECT_NEAR(m.GMMProbGreyScale(x), grey, 1e-12 * grey + 1e-300);
     }
-    const int k0 = trial % 5;  // switched off either way: exactly the other four
-    const pixelVal x = near(rng, m.m_mean[k0], 3.0);
+    const int k0 = trial % 5;  // switched off: exactly the other four
+    const pixelVal x = blob(rng, m.m_mean[k0], 3.0);
     double others = 0;
     for (int k = 0; k < 5; ++k) others += k == k0 ? 0.0 : m.m_weight[k] * m.gaussianProb(k, x);
-    ZIRKSEColorModel absent = m, zeroDet = m;
-    absent.m_weight[k0] = 0;
-    absent.setDeterminant();
-    zeroDet.m_determinant[k0] = 0;
-    for (ZIRKSEColorModel* off : {&absent, &zeroDet}) {
-      EXPECT_EQ(off->gaussianProb(k0, x), 0.0);
-      EXPECT_DOUBLE_EQ(off->GMMProb(x), others);
-    }
+    ZIRKSEColorModel off = m;
+    off.m_determinant[k0] = 0;
+    EXPECT_EQ(off.gaussianProb(k0, x), 0.0);
+    EXPECT_DOUBLE_EQ(off.GMMProb(x), others);
   }
   ZIRKSEColorModel fresh;
   EXPECT_EQ(fresh.GMMProb(pixelVal{1, 2, 3}), 0.0);
   EXPECT_EQ(fresh.assignCluster(pixelVal{1, 2, 3}), 0);
 }
 
-// A (nearly) singular covariance gets the noise level added to its diagonal
-// until the determinant exceeds epsilon: an all-zero one once with 0.1, seven
-// times with 1e-6 (cbrt(2.22e-16) = 6.06e-6). A noise level of 0 (its value
-// before the engine starts) falls back to 0.1 with a log line; a NaN
-// covariance switches the component off instead of looping forever.
+// A singular covariance gets the noise level added to its diagonal until the
+// determinant exceeds epsilon; a noise level of 0 (its value before the
+// engine starts) falls back to 0.1 with a log line. A NaN covariance
+// switches the component off instead of looping forever.
 TEST_F(ColorModel, SingularCovarianceIsLoadedOnTheDiagonal) {
   LogCapture log;
-  for (const auto& [noise, diagonal] : {std::pair<double, double>{0.1, 0.1}, {1e-6, 7e-6}, {0.0, 0.1}}) {
-    SCOPED_TRACE(noise);
-    ZIRKSEMarker::m_noiseLevel = noise;
-    ZIRKSEColorModel m;
-    m.m_weight[1] = 1.0;
-    m.m_mean[1][0] = 10;
-    refresh(&m);
-    for (int i = 0; i < 9; ++i) EXPECT_NEAR(m.m_covariance[1][i], i % 4 == 0 ? diagonal : 0.0, 1e-12);
-    // At the mean the factor; one standard deviation off it falls by exp(-0.5).
-    const double factor = std::pow(diagonal, -1.5), sd = std::sqrt(diagonal);
-    EXPECT_NEAR(m.gaussianProb(1, pixelVal{10, 0, 0}), factor, 1e-9 * factor);
-    EXPECT_NEAR(m.gaussianProb(1, pixelVal{10 + sd, 0, 0}), std::exp(-0.5) * factor, 1e-9 * factor);
-  }
+  ZIRKSEMarker::m_noiseLevel = 0.0;
+  ZIRKSEColorModel m;
+  m.m_weight[1] = 1.0;
+  m.m_mean[1][0] = 10;
+  refresh(&m);
+  for (int i = 0; i < 9; ++i) EXPECT_NEAR(m.m_covariance[1][i], i % 4 == 0 ? 0.1 : 0.0, 1e-12);
+  EXPECT_NEAR(m.gaussianProb(1, pixelVal{10, 0, 0}), std::pow(0.1, -1.5), 1e-9);
   EXPECT_EQ(log.countPrefix("Error", "setInverseCovariance"), 1) << log.dump();
   ZIRKSEColorModel z;
   z.m_weight[0] = 1.0;
   z.m_covariance[0][4] = std::numeric_limits<double>::quiet_NaN();
   refresh(&z);
   EXPECT_EQ(z.GMMProb(pixelVal{0, 0, 0}), 0.0);
-}
-
-// The highest unweighted density wins, ties to the lower component:
-// components 1 and 3 are identical, 3 with the larger weight; component 0 is
-// narrow and light, 4 broad and heavy: near its mean 0 wins although the
-// posterior would favour 4.
-TEST_F(ColorModel, AssignClusterPicksHighestUnweightedDensityTiesLow) {
-  ZIRKSEColorModel m;
-  const double weight[5] = {0.001, 0.1, 0, 0.9, 0.998}, var[5] = {1, 25, 0, 25, 4};
-  const double mean[5] = {-300, 100, 0, 100, -300};
-  for (int k : {0, 1, 3, 4}) {
-    m.m_weight[k] = weight[k];
-    m.m_mean[k][0] = mean[k];
-    m.m_covariance[k][0] = m.m_covariance[k][4] = m.m_covariance[k][8] = var[k];
-  }
-  refresh(&m);
-  EXPECT_EQ(m.assignCluster(pixelVal{100, 0, 0}), 1);
-  EXPECT_EQ(m.assignCluster(pixelVal{140, 30, -20}), 1);
-  const pixelVal x{-299.5, 0, 0};
-  ASSERT_LT(m.m_weight[0] * m.gaussianProb(0, x), m.m_weight[4] * m.gaussianProb(4, x));
-  EXPECT_EQ(m.assignCluster(x), 0);
 }
 
 // colorModelCriteria on components with the given weights, x-means and
@@ -240,18 +180,13 @@ TEST_F(ColorModel, SimplicityTestThresholds) {
     double meanZ1;
     bool simple;
   } rows[] = {
-      {"one significant component", {0.9, 0.05, 0.05}, {0, 500, 900}, {50, 50, 50}, 0, true},
       {"means closer than 100", {0.5, 0.5}, {0, 99.99}, {50, 50}, 0, true},
-      {"100 apart, small dominant determinants", {0.5, 0.5}, {0, 100}, {0.999, 0.5}, 0, true},
       {"100 apart, a dominant determinant of 1", {0.5, 0.5}, {0, 100}, {0.5, 1.0}, 0, false},
       {"weight 0.05 is not significant", {0.95, 0.05}, {0, 1000}, {50, 50}, 0, true},
       {"weight just above 0.05 is", {0.9499, 0.0501}, {0, 1000}, {50, 50}, 0, false},
       {"weight 0.35 is not dominant", {0.65, 0.35}, {0, 1000}, {0.5, 50}, 0, true},
-      {"weight 0.36 is", {0.64, 0.36}, {0, 1000}, {0.5, 50}, 0, false},
-      {"spread out, none dominant", {0.2, 0.2, 0.2, 0.2, 0.2}, {0, 200, 400, 600, 800}, {.1, .1, .1, .1, .1}, 0, false},
       {"a NaN determinant counts as below 1", {0.5, 0.5}, {0, 300}, {nan, 0.2}, 0, true},
       {"distance over all channels: 100", {0.5, 0.5}, {0, 60}, {5, 5}, 80, false},
-      {"distance over all channels: below 100", {0.5, 0.5}, {0, 60}, {5, 5}, 79.9, true},
   };
   for (const Row& row : rows) {
     ZIRKSEColorModel m;
@@ -266,19 +201,14 @@ TEST_F(ColorModel, SimplicityTestThresholds) {
   }
 }
 
-// Fewer than five samples change nothing; zero iterations refresh only
-// determinants and inverses; one step against responsibilities from the
-// direct formula.
-TEST_F(ColorModel, EmShortListsZeroIterationsAndOneStep) {
+// Fewer than five samples change nothing; one step against
+// responsibilities from the direct formula.
+TEST_F(ColorModel, EmShortListsAndOneStep) {
   std::mt19937 rng(31);
   ZIRKSEColorModel m = randomModel(rng);
   const ZIRKSEColorModel before = m;
   m.EM(std::vector<pixelVal>(4, pixelVal{1, 2, 3}), 5);
-  EXPECT_TRUE(equalBytes(m, before));
-  m.m_covariance[2][0] += 7.0;
-  m.EM(std::vector<pixelVal>(5, pixelVal{1, 2, 3}), 0);
-  EXPECT_EQ(std::memcmp(m.m_mean, before.m_mean, sizeof m.m_mean), 0);
-  EXPECT_NEAR(m.m_determinant[2], cv::determinant(cv::Matx33d(m.m_covariance[2])), 1e-9 * m.m_determinant[2]);
+  EXPECT_EQ(std::memcmp(&m, &before, sizeof m), 0);
 
   std::vector<pixelVal> samples;
   const double centres[3][3] = {{30, 40, 50}, {200, 60, 20}, {90, 180, 220}};
@@ -362,175 +292,12 @@ TEST_F(ColorModel, ExtractSortsPadsAndReadsTextureAtTheBoxOffset) {
   EXPECT_EQ(log.countPrefix("Error", "extractTrainingData"), 1) << log.dump();
 }
 
-// Each blob is carried by exactly one component: its share, mean and
-// population covariance.
-void expectBlobMoments(const ZIRKSEColorModel& m, const std::vector<pixelVal>& s, const std::vector<int>& member) {
-  std::vector<bool> used(5, false);
-  for (int b = 0; b < 5; ++b) {
-    SCOPED_TRACE(testing::Message() << "blob " << b);
-    const Moments want = moments(s, member, b);
-    int k = 0;
-    for (int j = 1; j < 5; ++j)
-      if (cv::norm(cv::Vec3d(m.m_mean[j]) - want.mean) < cv::norm(cv::Vec3d(m.m_mean[k]) - want.mean)) k = j;
-    EXPECT_FALSE(used[k]) << "two blobs in component " << k;
-    used[k] = true;
-    EXPECT_NEAR(m.m_weight[k], want.weight, 1e-12);
-    EXPECT_LT(cv::norm(cv::Vec3d(m.m_mean[k]) - want.mean), 1e-9);
-    EXPECT_LT(cv::norm(cv::Matx33d(m.m_covariance[k]) - want.cov), 1e-6);
-    EXPECT_NEAR(m.m_determinant[k], cv::determinant(want.cov), 1e-6 * m.m_determinant[k]);
-  }
-}
-
-// Fresh fits (the engine's k-means and OpenCV's) and refits carry each
-// blob's moments in one component; a refit on samples of one component
-// changes only that one, so the weights then sum to more than 1.
-TEST_F(ColorModel, FitsAndRefitsCarryTheMomentsOfSeparatedBlobs) {
-  std::vector<pixelVal> s;
-  std::vector<int> member;
-  fiveBlobs(8, &s, &member);
-  ZIRKSEColorModel live, cvFit, a, pads;
-  initModelWithKmeansZIRK(s, live);
-  expectBlobMoments(live, s, member);
-  initModelWithKmeans(s, cvFit);
-  expectBlobMoments(cvFit, s, member);
-  // The int of initModel changes nothing; the two-model form fits A then B
-  // (five padding samples: k-means gives four of them to cluster 0, one to 4).
-  initModel(s, a, -3);
-  EXPECT_TRUE(equalBytes(a, live));
-  initModel(s, std::vector<pixelVal>(5, kPad), a, pads, 10);
-  EXPECT_TRUE(equalBytes(a, live));
-  EXPECT_TRUE(pads.m_weight[0] == 0.8 && pads.m_weight[4] == 0.2 && pads.m_weight[1] == 0.0);
-  initModelWithKmeansZIRK(std::vector<pixelVal>(4, kPad), a);  // fewer than five: untouched
-  initModelWithKmeans(std::vector<pixelVal>(), a);
-  EXPECT_TRUE(equalBytes(a, live));
-
-  live.setInverseCovariance();
-  ZIRKSEColorModel refit = live, u = live, a2 = live, b2 = live;
-  updateModel(s, refit);  // the same samples: the same partition, the same moments
-  expectBlobMoments(refit, s, member);
-  std::mt19937 rng(10);
-  std::vector<pixelVal> near;
-  blob(rng, live.m_mean[2], 2.0, 50, &near);
-  updateModel(near, u);
-  for (int k : {0, 1, 3, 4}) {
-    EXPECT_EQ(u.m_weight[k], live.m_weight[k]);
-    EXPECT_EQ(std::memcmp(u.m_mean[k], live.m_mean[k], sizeof u.m_mean[k]), 0);
-    EXPECT_EQ(std::memcmp(u.m_covariance[k], live.m_covariance[k], sizeof u.m_covariance[k]), 0);
-  }
-  EXPECT_EQ(u.m_weight[2], 1.0);
-  EXPECT_LT(cv::norm(cv::Vec3d(u.m_mean[2]) - moments(near, std::vector<int>(50, 0), 0).mean), 1e-9);
-  updateModel(near, s, a2, b2);  // the two-model form refits A then B
-  EXPECT_TRUE(equalBytes(a2, u));
-  expectBlobMoments(b2, s, member);
-}
-
-// Background (label 1) reddish on the left; object (label 4) greenish on the
-// right, with a band of background colour over a third of the object's
-// labels: that third must end up in the background model only. Without
-// labels both models stay as they were.
-TEST_F(ColorModel, ThirdInitialisationSeparatesObjectFromBackground) {
-  cv::Mat src(40, 60, CV_8UC3), lab(40, 60, CV_8UC1, cv::Scalar(1));
-  lab.colRange(30, 60).setTo(4);
-  std::mt19937 rng(12);
-  std::normal_distribution<double> g(0, 6);
-  for (int i = 0; i < 3 * 40 * 60; ++i) {
-    const cv::Vec3d base = i / 3 % 60 >= 40 ? cv::Vec3d(40, 180, 60) : cv::Vec3d(50, 40, 200);
-    src.data[i] = cv::saturate_cast<uint8_t>(base[i % 3] + g(rng));
-  }
-  IplImage srcI = cvIplImage(src), labI = cvIplImage(lab);
-  ZIRKSEColorModel a, b, fresh, zero;
-  initThirdInitalization(&srcI, &labI, a, b);
-  a.setInverseCovariance();
-  b.setInverseCovariance();
-  const pixelVal green{40, 180, 60}, red{50, 40, 200};
-  EXPECT_GT(a.GMMProb(green), 100 * b.GMMProb(green));
-  EXPECT_GT(b.GMMProb(red), 100 * a.GMMProb(red));
-  const ZIRKSEColorModel before = a;
-  initThirdInitalization(&srcI, nullptr, a, fresh);
-  EXPECT_TRUE(equalBytes(a, before) && equalBytes(fresh, zero));
-}
-
-// Inside the box, "object where the object model is likelier" must beat
-// calling the whole box object on most photos; a refit keeps the models usable.
-TEST_F(ColorModel, RealPhotosRectangleModelsSeparateObjectFromBackground) {
-  if (!photoSetAvailable()) GTEST_SKIP() << "photo set not available";
-  int better = 0, photos = 0;
-  for (const std::string& name : photoNames()) {
-    SCOPED_TRACE(name);
-    Photo p = loadPhoto(name);
-    ASSERT_FALSE(p.image.empty());
-    // Working size as the engine uses it: at most about 76800 pixels.
-    const double f = std::max(1.0, std::sqrt(p.image.total() / 76800.0));
-    cv::Mat img, truth;
-    cv::resize(p.image, img, cv::Size(), 1 / f, 1 / f, cv::INTER_AREA);
-    cv::resize(p.truth, truth, img.size(), 0, 0, cv::INTER_NEAREST);
-    const cv::Rect box(cv::Point(int(p.x1 / f), int(p.y1 / f)), cv::Point(int(p.x2 / f), int(p.y2 / f)));
-    cv::Mat labels(img.size(), CV_8UC1, cv::Scalar(1)), mask(img.size(), CV_8UC1, cv::Scalar(0));
-    labels(box).setTo(4);
-    IplImage srcI = cvIplImage(img), labI = cvIplImage(labels);
-    std::vector<pixelVal> fg, bg;
-    extractTrainingData(&srcI, &labI, fg, bg);
-    EXPECT_EQ(fg.size(), static_cast<size_t>(box.area()));
-    ZIRKSEColorModel fgModel, bgModel;
-    for (int round = 0; round < 2; ++round) {
-      if (round == 0) initModel(fg, bg, fgModel, bgModel, 10);
-      if (round == 1) updateModel(fg, bg, fgModel, bgModel);
-      fgModel.setInverseCovariance();
-      bgModel.setInverseCovariance();
-      for (int y = box.y; y < box.y + box.height; ++y)
-        for (int x = box.x; x < box.x + box.width; ++x) {
-          const cv::Vec3b c = img.at<cv::Vec3b>(y, x);
-          const double pf = fgModel.GMMProb(pixelVal{double(c[0]), double(c[1]), double(c[2])});
-          const double pb = bgModel.GMMProb(pixelVal{double(c[0]), double(c[1]), double(c[2])});
-          ASSERT_TRUE(std::isfinite(pf) && std::isfinite(pb));
-          if (round == 0 && pf > pb) mask.at<uint8_t>(y, x) = 255;
-        }
-    }
-    const double iou = intersectionOverUnion(mask, truth), boxIou = intersectionOverUnion(labels == 4, truth);
-    better += iou > boxIou;
-    ++photos;
-    EXPECT_GT(iou, 0.3) << "box IoU " << boxIou;
-  }
-  EXPECT_GE(better, photos / 2) << better << " of " << photos;
-}
-
 // ---- k-means.
-
-// k-means++ seeds as the walk describes them: the generator seeded with n,
-// then with the integer part of the running total (saturated to the unsigned
-// range); each distance is recomputed as the minimum over all seeds so far.
-std::vector<int> expectedSeeds(const std::vector<pixelVal>& s, int k) {
-  const int n = static_cast<int>(s.size());
-  const double scale = std::ldexp(1.0, -31);
-  srand(static_cast<unsigned>(n));
-  std::vector<int> seeds{static_cast<int>(n * (rand() * scale))};
-  auto nearest = [&](int i) {
-    double best = INFINITY;
-    for (int seed : seeds) best = std::min(best, sq(s[i], s[seed]));
-    return best;
-  };
-  for (int c = 1; c < k; ++c) {
-    double total = 0;
-    for (int i = 0; i < n; ++i) total += nearest(i);
-    srand(total >= 4294967296.0 ? UINT_MAX : static_cast<unsigned>(total));
-    double target = total * scale * rand();
-    int i = 0;
-    for (; i < n - 1 && target > nearest(i); ++i) target -= nearest(i);
-    seeds.push_back(i);
-  }
-  return seeds;
-}
 
 std::vector<double*> pointers(std::vector<pixelVal>& samples) {
   std::vector<double*> ptrs;
   for (pixelVal& p : samples) ptrs.push_back(&p.c0);
   return ptrs;
-}
-
-std::vector<int> seedsOf(std::vector<pixelVal> samples, int k) {
-  std::vector<int> seeds(k, -1);
-  chooseCentersKMeanspp(pointers(samples).data(), static_cast<int>(samples.size()), k, seeds.data());
-  return seeds;
 }
 
 struct KMeansRun {
@@ -541,42 +308,34 @@ struct KMeansRun {
 
 // One k_means call; checks it started four threads per iteration on large
 // inputs and none on small ones.
-KMeansRun runKMeans(std::vector<pixelVal> samples, int maxIterations = 10, double epsilon = 0.0) {
+KMeansRun runKMeans(std::vector<pixelVal> samples, int maxIterations = 10) {
   KMeansRun r;
   r.labels.assign(samples.size(), -1);
   r.centres.assign(5, pixelVal{-1, -1, -1});
   double* centres[5];
   for (int k = 0; k < 5; ++k) centres[k] = &r.centres[k].c0;
   const int threadsBefore = g_threadsStarted, iterationsBefore = g_kmeansIterations;
-  k_means(pointers(samples).data(), r.labels.data(), static_cast<int>(samples.size()), epsilon, maxIterations,
-          centres);
+  k_means(pointers(samples).data(), r.labels.data(), static_cast<int>(samples.size()), 0.0, maxIterations, centres);
   r.iterations = g_kmeansIterations - iterationsBefore;
   const bool threaded = static_cast<int>(samples.size()) >= g_kmeansThreadedSamples;
   EXPECT_EQ(g_threadsStarted - threadsBefore, threaded ? 4 * r.iterations : 0);
   return r;
 }
 
-TEST(KMeans, SeedsFollowTheWalkOverTheGenerator) {
-  std::mt19937 rng(1);
-  std::uniform_real_distribution<double> u(0, 255), wide(0, 1e5);
-  for (int n : {1, 2, 3, 7, 64, 1000, 5000, -500}) {  // -500: totals far above the unsigned range
-    std::vector<pixelVal> s;
-    for (int i = 0; i < std::abs(n); ++i)
-      s.push_back(n > 0 ? pixelVal{u(rng), u(rng), u(rng)} : pixelVal{wide(rng), wide(rng), wide(rng)});
-    for (int k : {5, 8}) EXPECT_EQ(seedsOf(s, k), expectedSeeds(s, k)) << "n=" << n << " k=" << k;
-  }
-}
-
 // Each blob ends in its own cluster whose centre is the blob's mean; the
 // same input gives the same labels and centres whatever state the C
 // library's generator was left in, and whether the quarters run on four
-// threads or on the calling thread. The iteration limit and epsilon end the
-// loop; the first error is compared with the largest double, so only an
-// epsilon that large stops after one iteration.
+// threads or on the calling thread. The iteration limit ends the loop. No
+// samples are refused.
 TEST(KMeans, RecoversFiveSeparatedBlobsDeterministically) {
+  std::mt19937 rng(3);  // five separated blobs of different sizes and spreads
+  const double means[5][3] = {{20, 30, 40}, {220, 40, 30}, {40, 210, 60}, {50, 60, 220}, {210, 200, 190}};
   std::vector<pixelVal> s;
   std::vector<int> blobOf;
-  fiveBlobs(3, &s, &blobOf);
+  for (int k = 0; k < 5; ++k) {
+    blob(rng, means[k], 3.0 + k, 80 + 40 * k, &s);
+    blobOf.resize(s.size(), k);
+  }
   const KMeansRun r = runKMeans(s);
   std::vector<int> clusterOfBlob(5, -1);
   for (size_t i = 0; i < s.size(); ++i) {
@@ -585,12 +344,12 @@ TEST(KMeans, RecoversFiveSeparatedBlobsDeterministically) {
   }
   for (int b = 0; b < 5; ++b) {
     ASSERT_EQ(std::count(clusterOfBlob.begin(), clusterOfBlob.end(), clusterOfBlob[b]), 1);
-    EXPECT_LT(cv::norm(vec(r.centres[clusterOfBlob[b]]) - moments(s, blobOf, b).mean), 1e-9);
+    std::vector<double> member;
+    for (int m : blobOf) member.push_back(m == b);
+    EXPECT_LT(cv::norm(vec(r.centres[clusterOfBlob[b]]) - moments(s, member).mean), 1e-9);
   }
   ASSERT_TRUE(r.iterations >= 3 && r.iterations < 10) << r.iterations;
   EXPECT_EQ(runKMeans(s, r.iterations - 1).iterations, r.iterations - 1);
-  EXPECT_EQ(runKMeans(s, 10, 1e300).iterations, 2);
-  EXPECT_EQ(runKMeans(s, 10, DBL_MAX).iterations, 1);
   const int32_t threshold = g_kmeansThreadedSamples;
   for (int repeat = 0; repeat < 3; ++repeat) {
     srand(1234 + repeat);
@@ -598,75 +357,15 @@ TEST(KMeans, RecoversFiveSeparatedBlobsDeterministically) {
     g_kmeansThreadedSamples = repeat == 2 ? 1 : threshold;
     const KMeansRun again = runKMeans(s);
     EXPECT_EQ(again.labels, r.labels);
-    for (int k = 0; k < 5; ++k) EXPECT_TRUE(same(again.centres[k], r.centres[k]));
+    for (int k = 0; k < 5; ++k) EXPECT_EQ(vec(again.centres[k]), vec(r.centres[k]));
   }
   g_kmeansThreadedSamples = threshold;
-}
-
-// Inputs whose clusters never move: one to three distinct samples, five
-// identical ones, two values three times each. Every sample goes to its
-// nearest seed (ties low), each centre stays on its seed sample, and a
-// cluster left empty gives its seed sample its label back, in cluster order.
-// The second iteration repeats the error and ends the loop. No samples at
-// all are refused.
-TEST(KMeans, EmptiedClustersKeepTheirCentreAndReclaimTheirSeed) {
-  const pixelVal a{10, 10, 10}, b{200, 100, 0}, c{0, 200, 50};
-  const std::vector<pixelVal> inputs[] = {{a}, {a, b}, {a, b, c}, std::vector<pixelVal>(5, a), {a, b, a, b, b, a}};
-  for (const std::vector<pixelVal>& s : inputs) {
-    SCOPED_TRACE(testing::Message() << s.size() << " samples");
-    const std::vector<int> seeds = expectedSeeds(s, 5);
-    std::vector<int> expected(s.size());
-    std::vector<bool> empty(5, true);
-    for (size_t i = 0; i < s.size(); ++i) {
-      int best = 0;
-      for (int k = 1; k < 5; ++k)
-        if (sq(s[i], s[seeds[k]]) < sq(s[i], s[seeds[best]])) best = k;
-      expected[i] = best;
-      empty[best] = false;
-    }
-    for (int k = 0; k < 5; ++k)
-      if (empty[k]) expected[seeds[k]] = k;
-    const KMeansRun r = runKMeans(s);
-    EXPECT_EQ(r.labels, expected);
-    for (int k = 0; k < 5; ++k) EXPECT_TRUE(same(r.centres[k], s[seeds[k]])) << "cluster " << k;
-    EXPECT_EQ(r.iterations, 2);
-  }
-  // Five identical samples: the total is 0 after the first seed, so seeds
-  // 1..4 repeat sample 0 and cluster 4 takes sample 0 back.
-  EXPECT_EQ(runKMeans(std::vector<pixelVal>(5, a)).labels, (std::vector<int>{4, 0, 0, 0, 0}));
-  LogCapture log;
+  LogCapture log;  // no samples at all are refused
   int label = -7;
-  double centre[5][3];
-  double* centres[5] = {centre[0], centre[1], centre[2], centre[3], centre[4]};
+  double* centres[5] = {};
   k_means(nullptr, &label, 0, 0.0, 10, centres);
   EXPECT_EQ(label, -7);
   EXPECT_EQ(log.countPrefix("Error", "k_means"), 1) << log.dump();
-}
-
-// Utilities outside the live fit: the sort order (ascending on the fourth
-// value, true whenever a NaN is involved) and the variance-partition
-// initialiser.
-TEST(SampleLists, OrderAndVariancePartition) {
-  const vec4 nan{{0, 0, 0, std::nan("")}}, one{{0, 0, 0, 1}}, two{{0, 0, 0, 2}};
-  EXPECT_TRUE(order(one, two) && !order(two, one) && !order(one, one));
-  EXPECT_TRUE(order(nan, one) && order(one, nan));
-  // 0..15 on channel 0: halves, then the widest list split at its mean
-  // until five remain: [4..7] [8..11] [12..15] [0,1] [2,3].
-  std::vector<pixelVal> line;
-  for (int i = 0; i < 16; ++i) line.push_back(pixelVal{double(i), 0, 0});
-  double c[5][3];
-  double* centres[5] = {c[0], c[1], c[2], c[3], c[4]};
-  varParInit(line, centres);
-  const double expected[5] = {5.5, 9.5, 13.5, 0.5, 2.5};
-  for (int k = 0; k < 5; ++k) EXPECT_TRUE(c[k][0] == expected[k] && c[k][1] == 0.0) << k;
-  // A split follows the channel of largest variance, ties to the lower one.
-  std::vector<pixelVal> low, high;
-  varPartition({{5, 0, 10}, {6, 1, 90}, {5, 0, 20}, {6, 1, 80}}, low, high);
-  EXPECT_TRUE(g_maxVarDir == 2 && high.size() == 2 && high[0].c2 == 90);
-  // Identical samples leave empty halves; no division by zero reaches the centres.
-  varParInit(std::vector<pixelVal>(3, pixelVal{7, 8, 9}), centres);
-  for (int k = 0; k < 4; ++k) EXPECT_TRUE(c[k][0] == 0 && c[k][1] == 0 && c[k][2] == 0) << k;
-  EXPECT_TRUE(c[4][0] == 7 && c[4][1] == 8 && c[4][2] == 9);
 }
 
 }  // namespace

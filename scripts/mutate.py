@@ -114,7 +114,7 @@ def build_and_test(build, jobs, log_dir, name):
     if run(["cmake", "--build", build, "-j", str(jobs)], ROOT, build_log) != 0:
         return "no-build", "-"
     test_log = os.path.join(log_dir, name + ".test.log")
-    code = run(["ctest", "-j", str(jobs), "--stop-on-failure", "--timeout", "300",
+    code = run(["ctest", "-j", str(jobs), "--stop-on-failure", "--timeout", "120",
                 "--output-on-failure"], build, test_log)
     if code == 0:
         return "SURVIVED", "-"

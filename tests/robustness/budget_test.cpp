@@ -92,18 +92,13 @@ TEST_F(RobustnessTest, RequestOverItsBudgetEndsWithoutResultAndTheEngineGoesOn) 
 // history entry. Under ThreadSanitizer it is the data-race check of the cancel.
 TEST_F(RobustnessTest, CancelAtRandomMomentsNeverRecordsAWrongMask) {
   if (!photoSetAvailable()) GTEST_SKIP() << "photo set not available";
-  const int w = 480, h = 360;
   // A photo whose box cuts quickly, so that the refinement is a good share of the request.
   const Photo photo = loadPhoto("flower");
+  const int w = 480, h = 360, sw = photo.image.cols, sh = photo.image.rows;
   cv::Mat small;
   cv::resize(photo.image, small, cv::Size(w, h), 0, 0, cv::INTER_AREA);
   std::vector<unsigned int> src = toArgb(small);
-  const double sx = static_cast<double>(w) / photo.image.cols;
-  const double sy = static_cast<double>(h) / photo.image.rows;
-  const int x1 = std::max(0, static_cast<int>(photo.x1 * sx));
-  const int y1 = std::max(0, static_cast<int>(photo.y1 * sy));
-  const int x2 = std::min(w - 1, static_cast<int>(photo.x2 * sx));
-  const int y2 = std::min(h - 1, static_cast<int>(photo.y2 * sy));
+  const int x1 = photo.x1 * w / sw, y1 = photo.y1 * h / sh, x2 = photo.x2 * w / sw, y2 = photo.y2 * h / sh;
   const int cx = (x1 + x2) / 2, cy = (y1 + y2) / 2;
   std::vector<int> firstMarks = robustness::boxMarks(w, h, cx - 5, cy - 5, cx + 5, cy + 5, 2);
   std::vector<unsigned int> argb(src.size());

@@ -9,10 +9,12 @@
 #include <random>
 #include <vector>
 
+#include "common/LogCapture.h"
 #include "engine/EngineState.h"
 #include "engine/SegmentationCore.h"
 #include "engine/ZIRKSEManageUndoRedo.h"
 #include "engine/ZIRKSEMarker.h"
+#include "support/ZIRKMemory.h"
 #include "support/ZIRKTimer.h"
 
 // This program defines gettimeofday and cvCreateImage itself; the engine is
@@ -103,12 +105,18 @@ struct HistorySnapshot {
   }
 };
 
+// Every test ends with the engine torn down and no tracked buffer left:
+// whatever a test did, failed allocations and cancels included, the engine
+// released all it allocated.
 class RobustnessTest : public ::testing::Test {
  protected:
   void TearDown() override {
     interpose::reset();
     deinitSegmentation();
     resetSegmentationInterface();
+    LogCapture log;
+    ZIRK_check_memory_status();
+    EXPECT_EQ(log.countPrefix("TAG_MEM", "No memory Leak found"), 1) << log.dump();
   }
 };
 

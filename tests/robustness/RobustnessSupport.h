@@ -85,6 +85,15 @@ inline std::vector<int> boxMarks(int w, int h, int x1, int y1, int x2, int y2, i
   return marks;
 }
 
+// Marks a loop around the rectangle: the marker image of boxMarks and the
+// rectangle's corners as the path.
+inline void markLoop(int w, int h, int x1, int y1, int x2, int y2) {
+  std::vector<int> marks = boxMarks(w, h, x1, y1, x2, y2);
+  std::vector<int> path = {x1, y1, x2, y1, x2, y2, x1, y2};
+  setMarkerImage(w, h, marks.data(), 0);
+  setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
+}
+
 // The positions of the history and its newest mask (empty without one).
 struct HistorySnapshot {
   int32_t current, top, bottom;

@@ -20,10 +20,7 @@ constexpr const char* kTimeoutLine = "Segmentation canceled due to timeout";
 
 // One edit with a loop around the box: markers, path, request.
 int loopEdit(int w, int h, int x1, int y1, int x2, int y2, unsigned int* argb, unsigned char* mask) {
-  std::vector<int> marks = robustness::boxMarks(w, h, x1, y1, x2, y2);
-  std::vector<int> path = {x1, y1, x2, y1, x2, y2, x1, y2};
-  setMarkerImage(w, h, marks.data(), 0);
-  setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
+  robustness::markLoop(w, h, x1, y1, x2, y2);
   return processSegment(0, 0, 0, argb, mask);
 }
 

@@ -156,7 +156,7 @@ TEST_F(BadInput, CallsOutOfOrderWithNullBuffersOrAfterTeardown) {
   EXPECT_FALSE(canRedo());
 }
 
-TEST_F(BadInput, SizesCountsAndPointsOutside) {
+TEST_F(BadInput, SizesCountsRectanglesAndPointsOutside) {
   // A tiny caller buffer: a refused size must never be read through.
   std::vector<unsigned int> tinyArgb(4, 0x12345678u);
   std::vector<int> tinyMarks(4, 2);
@@ -169,7 +169,17 @@ TEST_F(BadInput, SizesCountsAndPointsOutside) {
   int* const o = odd.get();
   int* const out = outside.data();
   const char* const kNoSource = "MEMORY_CRASH : setSourceImage 115";
+  const auto bb = [&](int x1, int y1, int x2, int y2) -> Call {
+    return [&, x1, y1, x2, y2](auto, auto m) {
+      EXPECT_EQ(doSegmentationBB(W, H, src.data(), x1, y1, x2, y2, m), 0);
+      EXPECT_NE(pHybrid, nullptr) << "an engine, new or (when refused) the earlier one";
+    };
+  };
   run({
+      {kEngine, "doSegmentationBB: rectangle (12, 9)-(3, 2)", bb(12, 9, 3, 2), 1, true},  // inverted
+      {kEngine, "doSegmentationBB: rectangle (-4, 2)-(12, 15)", bb(-4, 2, 12, H + 3), 1, true},
+      {kEngine, "doSegmentationBB", bb(W + 5, 2, W, 0)},  // inverted and outside
+      {kEngine, "doSegmentationBB", bb(-9, -9, -1, -2)},
       {kNothing, kNoSource, [=](auto, auto) { setSourceImage(0, H, t); }},
       {kEngine, "MEMORY_CRASH : setMarkerImage 1", [=](auto, auto) { setMarkerImage(0, H, tm, 0); }, 2},
       {kSource, "setSourceImage", [=](auto, auto) { setSourceImage(100000, 100000, t); }},
@@ -191,21 +201,6 @@ TEST_F(BadInput, SizesCountsAndPointsOutside) {
   // A new source drops the marker image made for the old one: nothing to cut.
   run({{kStale, "cutOutImage: no marker image", cut}});
   EXPECT_EQ(g_markerImage, nullptr);
-}
-
-TEST_F(BadInput, Rectangles) {
-  const auto bb = [&](int x1, int y1, int x2, int y2) -> Call {
-    return [&, x1, y1, x2, y2](auto, auto m) {
-      EXPECT_EQ(doSegmentationBB(W, H, src.data(), x1, y1, x2, y2, m), 0);
-      EXPECT_NE(pHybrid, nullptr) << "an engine, new or (when refused) the earlier one";
-    };
-  };
-  run({
-      {kEngine, "doSegmentationBB: rectangle (12, 9)-(3, 2)", bb(12, 9, 3, 2), 1, true},  // inverted
-      {kEngine, "doSegmentationBB: rectangle (-4, 2)-(12, 15)", bb(-4, 2, 12, H + 3), 1, true},
-      {kEngine, "doSegmentationBB", bb(W + 5, 2, W, 0)},  // inverted and outside
-      {kEngine, "doSegmentationBB", bb(-9, -9, -1, -2)},
-  });
 }
 
 // The live-wire calls take OpenCV images from the caller; malformed ones are

@@ -9,10 +9,12 @@
 #include <random>
 #include <vector>
 
+#include "common/LogCapture.h"
 #include "engine/EngineState.h"
 #include "engine/SegmentationCore.h"
 #include "engine/ZIRKSEManageUndoRedo.h"
 #include "engine/ZIRKSEMarker.h"
+#include "support/ZIRKMemory.h"
 #include "support/ZIRKTimer.h"
 
 // This program defines gettimeofday and cvCreateImage itself; the engine is
@@ -83,6 +85,15 @@ inline std::vector<int> boxMarks(int w, int h, int x1, int y1, int x2, int y2, i
   return marks;
 }
 
+// Marks a loop around the rectangle: the marker image of boxMarks and the
+// rectangle's corners as the path.
+inline void markLoop(int w, int h, int x1, int y1, int x2, int y2) {
+  std::vector<int> marks = boxMarks(w, h, x1, y1, x2, y2);
+  std::vector<int> path = {x1, y1, x2, y1, x2, y2, x1, y2};
+  setMarkerImage(w, h, marks.data(), 0);
+  setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
+}
+
 // The positions of the history and its newest mask (empty without one).
 struct HistorySnapshot {
   int32_t current, top, bottom;
@@ -103,12 +114,18 @@ struct HistorySnapshot {
   }
 };
 
+// Every test ends with the engine torn down and no tracked buffer left:
+// whatever a test did, failed allocations and cancels included, the engine
+// released all it allocated.
 class RobustnessTest : public ::testing::Test {
  protected:
   void TearDown() override {
     interpose::reset();
     deinitSegmentation();
     resetSegmentationInterface();
+    LogCapture log;
+    ZIRK_check_memory_status();
+    EXPECT_EQ(log.countPrefix("TAG_MEM", "No memory Leak found"), 1) << log.dump();
   }
 };
 

@@ -7,6 +7,7 @@
 #include <dirent.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <set>
 #include <string>
@@ -16,15 +17,13 @@ namespace {
 
 const std::string kLibrary = SEGCORE_LIBRARY_FILE;
 
+// The output lines of a shell command.
 std::vector<std::string> runLines(const std::string& command) {
   std::vector<std::string> lines;
   FILE* pipe = popen(command.c_str(), "r");
   char buf[4096];
-  while (pipe != nullptr && fgets(buf, sizeof buf, pipe) != nullptr) {
-    std::string line(buf);
-    line.erase(line.find_last_not_of("\r\n") + 1);
-    lines.push_back(line);
-  }
+  while (pipe != nullptr && fgets(buf, sizeof buf, pipe) != nullptr)
+    lines.emplace_back(buf, strcspn(buf, "\r\n"));
   if (pipe != nullptr) pclose(pipe);
   return lines;
 }
@@ -32,11 +31,10 @@ std::vector<std::string> runLines(const std::string& command) {
 // Names of the defined dynamic symbols ("address type name").
 std::set<std::string> definedSymbols(bool demangle) {
   std::set<std::string> names;
-  for (const std::string& line :
-       runLines(std::string("nm -D --defined-only ") + (demangle ? "-C '" : "'") + kLibrary + "'")) {
-    const size_t first = line.find(' ');
-    const size_t second = first == std::string::npos ? first : line.find(' ', first + 1);
-    if (second != std::string::npos) names.insert(line.substr(second + 1));
+  const std::string command = std::string("nm -D --defined-only ") + (demangle ? "-C '" : "'") + kLibrary + "'";
+  for (const std::string& line : runLines(command)) {
+    const size_t name = line.find(' ', line.find(' ') + 1);  // npos + 1 is 0: no space, no name
+    if (name != std::string::npos) names.insert(line.substr(name + 1));
   }
   return names;
 }

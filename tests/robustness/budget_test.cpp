@@ -1,14 +1,21 @@
-// The 10-second budget of a segmentation and the cancel. (A cancel from
-// another thread in the middle of a request: the demo server's test.)
+// The 10-second budget of a segmentation and the cancel from another thread.
 // The budget test makes time fly instead of waiting: Interpose.cpp's
 // gettimeofday adds two seconds at every reading, so the request overruns
 // its budget within its first iterations however fast the machine is.
 #include <android/log.h>
 
+#include <opencv2/imgproc.hpp>
+
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <thread>
 
 #include "common/LogCapture.h"
+#include "common/PhotoSet.h"
 #include "robustness/RobustnessSupport.h"
 
 namespace {
@@ -72,6 +79,84 @@ TEST_F(RobustnessTest, RequestOverItsBudgetEndsWithoutResultAndTheEngineGoesOn) 
   EXPECT_GT(objectPixels(mask), firstObject / 2);
   EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, (before.current + 1) % 32);
   EXPECT_TRUE(canUndo());
+}
+
+// Cancels from a second thread at random moments of a whole request on a
+// photo reduced to 480 x 360 (so the full-resolution refinement runs), from
+// the label image to the clean-up. Whatever the moment, the request either
+// ends with no mask (plain source shown, mask buffer and history untouched)
+// or gives exactly the mask of an uncancelled run, which then is the newest
+// history entry. Under ThreadSanitizer it is the data-race check of the cancel.
+TEST_F(RobustnessTest, CancelAtRandomMomentsNeverRecordsAWrongMask) {
+  if (!photoSetAvailable()) GTEST_SKIP() << "photo set not available";
+  // A photo whose box cuts quickly, so that the refinement is a good share of the request.
+  const Photo photo = loadPhoto("flower");
+  const int w = 480, h = 360, sw = photo.image.cols, sh = photo.image.rows;
+  cv::Mat small;
+  cv::resize(photo.image, small, cv::Size(w, h), 0, 0, cv::INTER_AREA);
+  std::vector<unsigned int> src = toArgb(small);
+  const int x1 = photo.x1 * w / sw, y1 = photo.y1 * h / sh, x2 = photo.x2 * w / sw, y2 = photo.y2 * h / sh;
+  const int cx = (x1 + x2) / 2, cy = (y1 + y2) / 2;
+  std::vector<int> firstMarks = robustness::boxMarks(w, h, cx - 5, cy - 5, cx + 5, cy + 5, 2);
+  std::vector<unsigned int> argb(src.size());
+  // A fresh edit sequence holding a first mask; the cancel is lowered.
+  const auto restart = [&] {
+    resetSegmentationInterface();
+    std::vector<unsigned char> mask(src.size());
+    setMarkerImage(w, h, firstMarks.data(), 0);
+    cutOutImage(0, 0, 0, argb.data(), mask.data());
+  };
+  setSourceImage(w, h, src.data());
+  initSegmentationEngine(0);
+  restart();
+  const HistorySnapshot first = HistorySnapshot::take();
+  ASSERT_FALSE(first.newest.empty());
+  std::vector<unsigned char> reference(src.size(), 7);
+  const auto t0 = std::chrono::steady_clock::now();
+  ASSERT_EQ(loopEdit(w, h, x1, y1, x2, y2, argb.data(), reference.data()), 0);
+  const std::chrono::duration<double, std::milli> requestMs = std::chrono::steady_clock::now() - t0;
+  ASSERT_GT(objectPixels(reference), 0);
+  const HistorySnapshot done = HistorySnapshot::take();
+  ASSERT_EQ(done.current, (first.current + 1) % 32);
+
+  // Moments spread over 1.2 times the request (the last ones often come
+  // after its end), each at a random point of its stretch.
+  const int runs = 12;
+  std::mt19937 rng(15);
+  std::uniform_real_distribution<double> within(0.0, 1.0);
+  int cancelled = 0, inRefinement = 0;
+  for (int k = 0; k < runs; ++k) {
+    restart();
+    ASSERT_TRUE(HistorySnapshot::take() == first);
+    const auto delay = std::chrono::microseconds(
+        static_cast<long>(1200.0 * requestMs.count() * (k + within(rng)) / runs));
+    std::vector<unsigned char> mask(src.size(), 123);
+    std::fill(argb.begin(), argb.end(), 0x01020304u);
+    std::atomic<bool> go{false};
+    std::thread canceller([&] {
+      while (!go.load()) std::this_thread::yield();
+      std::this_thread::sleep_for(delay);
+      cancelSegmentation();
+    });
+    LogCapture log;
+    go = true;
+    EXPECT_EQ(loopEdit(w, h, x1, y1, x2, y2, argb.data(), mask.data()), 0);
+    canceller.join();
+    SCOPED_TRACE("cancel after " + std::to_string(delay.count()) + " us");
+    if (std::count(mask.begin(), mask.end(), 123) == static_cast<long>(mask.size())) {
+      ++cancelled;
+      if (log.countPrefix("Info", "Passed:") > 0) ++inRefinement;
+      EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "Error", kTimeoutLine), 1) << log.dump();
+      EXPECT_TRUE(argb == src) << "the preview is the plain source";
+      EXPECT_TRUE(HistorySnapshot::take() == first) << "the history is unchanged";
+    } else {
+      EXPECT_TRUE(mask == reference) << "an uncancelled request gives the reference mask";
+      EXPECT_TRUE(HistorySnapshot::take() == done);
+    }
+  }
+  std::printf("%d of %d requests cancelled (%d in the refinement or later); request %.0f ms\n",
+              cancelled, runs, inRefinement, requestMs.count());
+  EXPECT_GT(cancelled, 0);
 }
 
 // The cancel stays raised until a reset or a new engine: every request in

@@ -14,17 +14,24 @@ namespace {
 TEST(DrawnPath, SameLabelsAsDrawingEveryLine) {
   std::mt19937 rng(3);
   const auto below = [&](int n) { return static_cast<int>(rng() % n); };
-  for (int trial = 0; trial < 60; ++trial) {
+  // The last four paths are long: zigzags over the same three pixels, and
+  // scattered points that clear the whole image long before their end.
+  for (int trial = 0; trial < 64; ++trial) {
     const int w = 40 + below(40), h = 30 + below(40);
     const float factor = trial % 3 == 0 ? 1.0f : 1.0f + static_cast<float>(below(1000)) / 100.0f;
     const int fullW = static_cast<int>(w * factor), fullH = static_cast<int>(h * factor);
-    const int n = trial % 10 == 0 ? below(3) : 1 + below(300);
+    const bool zigzag = trial >= 60 && trial % 2 == 0;
+    const int n = trial >= 60 ? 5000 : trial % 10 == 0 ? below(3) : 1 + below(300);
     std::vector<int32_t> points;
     int x = below(fullW), y = below(fullH);
     for (int i = 0; i < n; ++i) {
-      const bool walk = trial % 2 == 0;
+      const bool walk = trial % 2 == 0 && trial < 60;
       x = walk ? std::min(std::max(x + below(5) - 2, 0), fullW - 1) : below(fullW);
       y = walk ? std::min(std::max(y + below(5) - 2, 0), fullH - 1) : below(fullH);
+      if (zigzag) {
+        x = (i % 3) * (fullW - 1) / 2;
+        y = (i % 2) * (fullH - 1);
+      }
       points.push_back(x);
       points.push_back(y);
     }

@@ -13,6 +13,7 @@ suite is never mistaken for kills.
     python3 scripts/mutate.py --only ID ...   # some of them
     python3 scripts/mutate.py --check         # only check the list applies
     python3 scripts/mutate.py --results FILE  # also write "id status test" lines
+    python3 scripts/mutate.py --every-test    # every failing test, not only the first
 
 Takes about half a minute a mutant on two cores (a survivor runs the whole
 suite). Needs cmake, ctest and the test dependencies (scripts/run_tests.sh
@@ -99,26 +100,29 @@ def run(cmd, cwd, log):
         return subprocess.run(cmd, cwd=cwd, stdout=out, stderr=subprocess.STDOUT).returncode
 
 
-def first_failure(log):
+def failures(log, every):
+    """The first failing test, or with `every` all of them comma-separated."""
     with open(log, errors="replace") as f:
         text = f.read()
-    m = re.search(r"The following tests FAILED:\s*\n\s*\d+ - (\S+)", text)
+    m = re.search(r"The following tests FAILED:\s*\n((?:\s*\d+ - \S+[^\n]*\n?)+)", text)
     if m:
-        return m.group(1)
+        names = re.findall(r"\d+ - (\S+)", m.group(1))
+        return ",".join(names) if every else names[0]
     m = re.search(r"\*\*\*(?:Failed|Timeout|Exception)[^\n]*", text)
     return m.group(0) if m else "?"
 
 
-def build_and_test(build, jobs, log_dir, name):
+def build_and_test(build, jobs, log_dir, name, every=False, timeout=120):
     build_log = os.path.join(log_dir, name + ".build.log")
     if run(["cmake", "--build", build, "-j", str(jobs)], ROOT, build_log) != 0:
         return "no-build", "-"
     test_log = os.path.join(log_dir, name + ".test.log")
-    code = run(["ctest", "-j", str(jobs), "--stop-on-failure", "--timeout", "120",
-                "--output-on-failure"], build, test_log)
+    stop = [] if every else ["--stop-on-failure"]
+    code = run(["ctest", "-j", str(jobs), "--timeout", str(timeout), "--output-on-failure"] + stop,
+               build, test_log)
     if code == 0:
         return "SURVIVED", "-"
-    return "killed", first_failure(test_log)
+    return "killed", failures(test_log, every)
 
 
 def main():
@@ -129,6 +133,10 @@ def main():
     parser.add_argument("--only", nargs="*", default=None)
     parser.add_argument("--check", action="store_true", help="only check that every mutant applies")
     parser.add_argument("--results", help="write 'id status first-failing-test' lines here")
+    parser.add_argument("--timeout", type=int, default=120,
+                        help="seconds after which a test counts as hung (a catch)")
+    parser.add_argument("--every-test", action="store_true",
+                        help="run the whole suite for each mutant and list every test that fails")
     args = parser.parse_args()
 
     mutants = parse(args.list)
@@ -155,7 +163,7 @@ def main():
         if run(["cmake", "-S", ROOT, "-B", build, "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
                 "-DSEGCORE_BUILD_BENCHMARKS=OFF"], ROOT, os.path.join(log_dir, "configure.log")):
             sys.exit(f"configure failed: {log_dir}/configure.log")
-    status, test = build_and_test(build, args.jobs, log_dir, "unmutated")
+    status, test = build_and_test(build, args.jobs, log_dir, "unmutated", True, args.timeout)
     if status != "SURVIVED":
         sys.exit(f"the unmutated tree is {status} ({test}): see {log_dir}")
 
@@ -181,7 +189,8 @@ def main():
         try:
             with open(path, "w", encoding="utf-8") as f:
                 f.write(text)
-            status, test = build_and_test(build, args.jobs, log_dir, m.ident)
+            status, test = build_and_test(build, args.jobs, log_dir, m.ident, args.every_test,
+                                          args.timeout)
         finally:
             put_back()
         rows.append((m.ident, status, test, time.time() - started))

@@ -112,12 +112,14 @@ def failures(log, every):
     return m.group(0) if m else "?"
 
 
-def build_and_test(build, jobs, log_dir, name, every=False, timeout=120):
+def build_and_test(build, jobs, log_dir, name, every=False, timeout=120, tests=None):
     build_log = os.path.join(log_dir, name + ".build.log")
     if run(["cmake", "--build", build, "-j", str(jobs)], ROOT, build_log) != 0:
         return "no-build", "-"
     test_log = os.path.join(log_dir, name + ".test.log")
     stop = [] if every else ["--stop-on-failure"]
+    if tests:
+        stop += ["-R", tests]
     code = run(["ctest", "-j", str(jobs), "--timeout", str(timeout), "--output-on-failure"] + stop,
                build, test_log)
     if code == 0:
@@ -137,6 +139,8 @@ def main():
                         help="seconds after which a test counts as hung (a catch)")
     parser.add_argument("--every-test", action="store_true",
                         help="run the whole suite for each mutant and list every test that fails")
+    parser.add_argument("--tests", help="run only the tests whose names match this regular "
+                        "expression (ctest -R), e.g. to check that one folder still catches a fault")
     args = parser.parse_args()
 
     mutants = parse(args.list)
@@ -163,7 +167,8 @@ def main():
         if run(["cmake", "-S", ROOT, "-B", build, "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
                 "-DSEGCORE_BUILD_BENCHMARKS=OFF"], ROOT, os.path.join(log_dir, "configure.log")):
             sys.exit(f"configure failed: {log_dir}/configure.log")
-    status, test = build_and_test(build, args.jobs, log_dir, "unmutated", True, args.timeout)
+    status, test = build_and_test(build, args.jobs, log_dir, "unmutated", True, args.timeout,
+                                  args.tests)
     if status != "SURVIVED":
         sys.exit(f"the unmutated tree is {status} ({test}): see {log_dir}")
 
@@ -190,7 +195,7 @@ def main():
             with open(path, "w", encoding="utf-8") as f:
                 f.write(text)
             status, test = build_and_test(build, args.jobs, log_dir, m.ident, args.every_test,
-                                          args.timeout)
+                                          args.timeout, args.tests)
         finally:
             put_back()
         rows.append((m.ident, status, test, time.time() - started))

@@ -79,17 +79,14 @@ TEST_F(MaxFlow, CancelAndSpentBudget) {
   ZIRKSEMarker::m_exitApp = false;
   g_cancelTimer = create_timer();
   start_cpu_timer(g_cancelTimer);
+  GridGraph chain(6, 1);  // from node 0 (source) to node 5 (sink): no pre-flow
+  chain.src[0] = chain.snk[5] = 5.0f;
+  for (int p = 1; p < 6; ++p) chain.e[4 * p] = Slot{10.0f, 10.0f, false};
   for (int spent : {9, 11}) {
     g_cancelTimer->start.tv_sec -= spent == 9 ? 9 : 2;
-    ZIRKSEGraph chain(6, 48, 6, 1, 0);  // from node 0 (source) to node 5 (sink)
-    chain.addNode(6);
-    chain.addtWeights(0, 5.0f, 0.0f);
-    chain.addtWeights(5, 0.0f, 5.0f);
-    for (int i = 0; i < 24; ++i) {
-      if (i % 4 == 0) chain.addEdge(i / 4, i / 4 - 1, 10.0f, 10.0f, i == 0);
-      if (i % 4 != 0) chain.addEdge(i / 4, -1, 0.0f, 0.0f, true);
-    }
-    EXPECT_EQ(chain.maxFlow(), spent == 9 ? 5.0f : 0.0f);
+    ZIRKSEGraph line(6, 48, 6, 1, 0);
+    fill(line, chain);
+    EXPECT_EQ(line.maxFlow(), spent == 9 ? 5.0f : 0.0f);
     EXPECT_EQ(ZIRKSEMarker::m_exitApp, spent == 11);
   }
 }

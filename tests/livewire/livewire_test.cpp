@@ -207,26 +207,25 @@ TEST_F(PathArray, HandsTheContoursOverOnce) {
   IplImage wi = cvIplImage(mask);  // cvFindContours overwrites it
   storage = cvCreateMemStorage(1024);
   cvFindContours(&wi, storage, &contours, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE, cvPoint(0, 0));
-  ASSERT_NE(contours, nullptr);
   g_contoursFound = 1;
   std::vector<int> expected{0};  // read element by element from the sequences
-  int longest = 0;
+  size_t longest = 0;
   for (CvSeq* seq = contours; seq != nullptr; seq = seq->h_next, ++expected[0]) {
     expected.push_back(seq->total);
-    longest = std::max(longest, seq->total);
+    longest = std::max(longest, seq->total * sizeof(CvPoint));
     for (int i = 0; i < seq->total; ++i) {
       const CvPoint* p = reinterpret_cast<const CvPoint*>(cvGetSeqElem(seq, i));
       expected.insert(expected.end(), {p->x, p->y});
     }
     expected.push_back(-1);
   }
-  ASSERT_TRUE(expected[0] == 2 && longest * static_cast<int>(sizeof(CvPoint)) > 1024);
-  for (int round = 0; round < 2; ++round) {
+  ASSERT_TRUE(expected[0] == 2 && longest > 1024);
+  for (const std::vector<int>& want : {expected, std::vector<int>{0}}) {
     int* array = nullptr;
     int length = 0;
     EXPECT_EQ(fetch_path_array(&array, &length), array);
     ASSERT_NE(array, nullptr);
-    EXPECT_EQ(std::vector<int>(array, array + length), round == 0 ? expected : std::vector<int>{0});
+    EXPECT_EQ(std::vector<int>(array, array + length), want);
     delete[] array;
     EXPECT_TRUE(contours == nullptr && g_contoursFound == 0);
   }

@@ -13,10 +13,8 @@
 #include <map>
 #include <random>
 #include <set>
-#include <stdexcept>
 #include <vector>
 
-#include "common/LogCapture.h"
 #include "engine/EngineState.h"
 #include "livewire/MinPriorityQueue.h"
 
@@ -133,17 +131,6 @@ TEST(LiveWire, CostsAndParentsMatchAPlainDijkstraOnRandomImages) {
     }
   }
   EXPECT_GT(unreached, 0);  // the case was exercised
-}
-
-// A seed outside the image throws (checked by row and column, not as a
-// pixel index); missing labels are refused with a log line.
-TEST(LiveWire, BadInputsAreRefused) {
-  cv::Mat colour(3, 4, CV_8UC3, cv::Scalar::all(0)), labels(3, 4, CV_8U, cv::Scalar(0));
-  IplImage ci = cvIplImage(colour), li = cvIplImage(labels);
-  EXPECT_THROW(find_parent_info(&ci, &li, 0, 4, 0.5), std::out_of_range);
-  LogCapture log;
-  EXPECT_TRUE(find_parent_info(&ci, nullptr, 0, 0, 0.5).empty());
-  EXPECT_EQ(log.countPrefix("Error", "find_parent_info"), 1) << log.dump();
 }
 
 // Random pushes, pops and key decreases (as the search does them). Every pop

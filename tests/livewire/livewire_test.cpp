@@ -140,34 +140,29 @@ TEST(MinPriorityQueue, AgreesWithASortedMultiset) {
   std::mt19937 rng(99);
   for (int round = 0; round < 400; ++round) {
     MinPriorityQueue q;
-    std::set<std::pair<double, int>> reference;
-    std::map<int, double> weightOf;
-    std::set<int> live;
-    const int ops = 1 + static_cast<int>(rng() % 300);
-    for (int op = 0; op < ops; ++op) {
+    std::set<std::pair<double, int>> reference;  // (weight, id) of the queued ids
+    std::map<int, double> live;                  // their weights by id
+    int ids = 0;
+    for (int op = 0, ops = 1 + static_cast<int>(rng() % 300); op < ops; ++op) {
       const unsigned kind = rng() % 10;
-      if (kind < 5 || reference.empty()) {
-        const int id = static_cast<int>(weightOf.size());
+      if (kind < 5 || live.empty()) {
         const double w = round % 2 ? std::uniform_real_distribution<double>(0, 100)(rng)
                                    : static_cast<double>(rng() % 4);  // many ties
-        q.push(Qnode{id, w});
-        reference.insert({w, id});
-        weightOf[id] = w;
-        live.insert(id);
+        q.push(Qnode{ids, w});
+        reference.insert({w, ids});
+        live[ids++] = w;
       } else if (kind < 8) {
         const Qnode got = q.pop_min();
         ASSERT_EQ(got.weight, reference.begin()->first) << "round " << round << " op " << op;
         ASSERT_EQ(reference.erase({got.weight, got.index}), 1u) << "id " << got.index;
         live.erase(got.index);
-      } else if (!live.empty()) {  // lower a live id's key in place and move it up
-        auto it = live.begin();
-        std::advance(it, rng() % live.size());
-        const double w = weightOf[*it] - static_cast<double>(rng() % 3);
-        reference.erase({weightOf[*it], *it});
-        reference.insert({w, *it});
-        weightOf[*it] = w;
-        const int at = q.position.at(*it);
-        q.heap.at(at).weight = w;
+      } else {  // lower a queued id's key in place and move it up
+        const auto it = std::next(live.begin(), rng() % live.size());
+        reference.erase({it->second, it->first});
+        it->second -= static_cast<double>(rng() % 3);
+        reference.insert({it->second, it->first});
+        const int at = q.position.at(it->first);
+        q.heap.at(at).weight = it->second;
         q.prelocate_up(at);
       }
     }

@@ -145,34 +145,30 @@ TEST_F(ColorModel, SingularCovarianceIsLoadedOnTheDiagonal) {
   EXPECT_NEAR(z.GMMProb(x[0]), others, 1e-9 * others);
 }
 
-// colorModelCriteria on components with the given weights, x-means and
-// determinants (means at y = 50; component 1 at z = meanZ1).
+// colorModelCriteria on two components: weights w0, w1, determinants d0, d1,
+// means (0, 50, 0) and (x1, 50, z1).
 TEST_F(ColorModel, SimplicityTestThresholds) {
   const double nan = std::nan("");
   const struct {
     const char* what;
-    std::vector<double> weights, meanX, dets;
-    double meanZ1;
+    double w0, w1, d0, d1, x1, z1;
     bool simple;
   } rows[] = {
-      {"means closer than 100", {0.5, 0.5}, {0, 99.99}, {50, 50}, 0, true},
-      {"100 apart, a dominant determinant of 1", {0.5, 0.5}, {0, 100}, {0.5, 1.0}, 0, false},
-      {"weight 0.05 is not significant", {0.95, 0.05}, {0, 1000}, {50, 50}, 0, true},
-      {"weight just above 0.05 is", {0.9499, 0.0501}, {0, 1000}, {50, 50}, 0, false},
-      {"weight 0.35 is not dominant", {0.65, 0.35}, {0, 1000}, {0.5, 50}, 0, true},
-      {"a NaN determinant counts as below 1", {0.5, 0.5}, {0, 300}, {nan, 0.2}, 0, true},
-      {"distance over all channels: 100", {0.5, 0.5}, {0, 60}, {5, 5}, 80, false},
+      {"means closer than 100", 0.5, 0.5, 50, 50, 99.99, 0, true},
+      {"100 apart, a dominant determinant of 1", 0.5, 0.5, 0.5, 1.0, 100, 0, false},
+      {"weight 0.05 is not significant", 0.95, 0.05, 50, 50, 1000, 0, true},
+      {"weight just above 0.05 is", 0.9499, 0.0501, 50, 50, 1000, 0, false},
+      {"weight 0.35 is not dominant", 0.65, 0.35, 0.5, 50, 1000, 0, true},
+      {"a NaN determinant counts as below 1", 0.5, 0.5, nan, 0.2, 300, 0, true},
+      {"distance over all channels: 100", 0.5, 0.5, 5, 5, 60, 80, false},
   };
-  for (const auto& row : rows) {
+  for (const auto& r : rows) {
     ZIRKSEColorModel m;
-    for (size_t k = 0; k < row.weights.size(); ++k) {
-      m.m_weight[k] = row.weights[k];
-      m.m_mean[k][0] = row.meanX[k];
-      m.m_mean[k][1] = 50;
-      m.m_determinant[k] = row.dets[k];
-    }
-    m.m_mean[1][2] = row.meanZ1;
-    EXPECT_EQ(m.colorModelCriteria(), row.simple) << row.what;
+    m.m_weight[0] = r.w0, m.m_weight[1] = r.w1;
+    m.m_determinant[0] = r.d0, m.m_determinant[1] = r.d1;
+    m.m_mean[0][1] = m.m_mean[1][1] = 50;
+    m.m_mean[1][0] = r.x1, m.m_mean[1][2] = r.z1;
+    EXPECT_EQ(m.colorModelCriteria(), r.simple) << r.what;
   }
 }
 

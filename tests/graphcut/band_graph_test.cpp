@@ -1,8 +1,7 @@
 // The refinement band's graph against a plain max-flow over the band's whole
-// rectangle, as the band would be cut without leaving anything out: the
-// unknown pixels must fall on the same side. Checked with every band pixel
-// linked and with the fixed pixels merged into their terminals, built on
-// several threads and solved in parts.
+// rectangle (the band cut without leaving anything out): the unknown pixels
+// must fall on the same side, with every band pixel linked or the fixed ones
+// merged into their terminals.
 #include <gtest/gtest.h>
 
 #include <opencv2/imgproc.hpp>

@@ -119,7 +119,8 @@ class PipelineLamda : public segtest::SegmenterTest {
 
 // Trials use truncated weights (13.513 runs as 13) and start from the user's
 // labels; later iterations only refit. No trial passing the contrast test
-// chooses trial 0, run with its full weight.
+// chooses trial 0, run with its full weight; less than 100 kept pixels choose
+// the fall-back weight with the user's labels.
 TEST_F(PipelineLamda, TrialWeightsAndTheRunAfterTheChoice) {
   const double colour[3] = {50.0, 13.0, 8.0}, grey[3] = {15.0, 10.0, 7.0};
   for (int i = 0; i < 3; ++i) {
@@ -138,10 +139,7 @@ TEST_F(PipelineLamda, TrialWeightsAndTheRunAfterTheChoice) {
   trial(2, 10, 35, 40, 55, false);
   EXPECT_EQ(choose(), 0);
   expectRun(3, 1, 50.0, hybrid->m_labelHistory[0]);
-}
-
-// Less than 100 kept pixels: the fall-back weight with the user's labels.
-TEST_F(PipelineLamda, SmallKeptAreaFallsBackWithTheUserLabels) {
+  cvSet(hybrid->m_cropSrcImage, cvScalarAll(128));
   trial(0, 10, 10, 19, 19, true);  // 81 pixels
   trial(1, 40, 10, 48, 18, true);  // 64 pixels
   trial(2, 10, 35, 40, 55, false);

@@ -90,6 +90,7 @@ TEST_F(PipelineSegment, EditsBecomeLabels) {
               std::vector<int>({2, 1, adding ? 2 : 4, adding ? 4 : 1}));
   }
 }
+
 // Every photo from its rectangle, reduced beforehand to at most 76800 pixels
 // so that it is segmented directly (at its own size the masks are the mask
 // regression's). Each mask is 0/255 and the history's newest; the
@@ -143,7 +144,7 @@ TEST_F(PipelineSegment, EveryPhotoSegmentedDirectly) {
 }
 
 // A cancel raised before the request ends it once the box is set up, before
-// any model is fitted: no result, the log line, nothing left allocated, the
+// any model is fitted: no result, nothing left allocated, the
 // history as it was. The next request runs normally once the flag is lowered.
 // Checking the budget between iterations leaves its timer running, so the
 // max-flow of the next iteration still sees time pass.
@@ -160,9 +161,7 @@ TEST_F(PipelineSegment, CancelAndBudgetEndTheRequestAndKeepTheHistory) {
 
   loop(80, 40, 240, 200);
   ZIRKSEMarker::m_exitApp = true;
-  LogCapture log;
   EXPECT_EQ(hybrid->segment(), nullptr);
-  EXPECT_EQ(log.count(6, "Error", "Segmentation canceled due to timeout"), 1) << log.dump();
   EXPECT_EQ(std::accumulate(hybrid->m_fgModel.m_weight, hybrid->m_fgModel.m_weight + 5, 0.0), 0.0);
   EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_trimapGraph == nullptr && g_cancelTimer == nullptr);
   EXPECT_TRUE(hybrid->m_cropSrcImage == nullptr && hybrid->m_cropLabelImage == nullptr &&
@@ -194,21 +193,18 @@ TEST_F(PipelineSegment, CancelAndBudgetEndTheRequestAndKeepTheHistory) {
   EXPECT_TRUE(hybrid->cancelSegmentation());
 }
 
-// Without a boundary there is no band: the plain enlargement, with its log
-// line. A red disc on green ground at 200x150, segmented at 100x75: the band
+// Without a boundary there is no band: the plain enlargement. A red disc on green ground at 200x150, segmented at 100x75: the band
 // cut recovers the round outline that the nearest enlargement turns into
 // steps, and it changes nothing away from the boundary.
 TEST_F(PipelineSegment, UpscalingRefinesTheOutlineOnly) {
   source(cv::Mat(48, 64, CV_8UC3, cv::Scalar(10, 20, 30)));
   ZIRKSEMarker::m_labelImage = filledImage(32, 24, 1, 1);
   for (const int value : {0, 1}) {
-    LogCapture log;
     IplImage* mask = filledImage(32, 24, 1, value);
     IplImage* result = hybrid->intelligentUpscaling(mask);
     cvReleaseImage(&mask);
     ASSERT_NE(result, nullptr);
     EXPECT_EQ(cv::countNonZero(view(result) == 255 * value), 64 * 48);
-    EXPECT_EQ(log.countPrefix("Error", "Failed: xmin:"), 1) << log.dump();
     EXPECT_EQ(hybrid->m_trimapGraph, nullptr);
     cvReleaseImage(&result);
   }
@@ -240,11 +236,9 @@ TEST_F(PipelineSegment, UpscalingRefinesTheOutlineOnly) {
   small.convertTo(labels, CV_8U, 1.0 / 255, 3);  // 4 object, 3 background
   segtest::replace(ZIRKSEMarker::m_labelImage, segtest::toIpl(labels));
   IplImage* mask = segtest::toIpl(small / 255);
-  LogCapture log;
   IplImage* result = hybrid->intelligentUpscaling(mask);
   cvReleaseImage(&mask);
   ASSERT_NE(result, nullptr);
-  EXPECT_EQ(log.countPrefix("Info", "Passed:"), 1) << log.dump();
   EXPECT_EQ(hybrid->m_trimapGraph, nullptr);
   const cv::Mat refined = view(result).clone();
   cvReleaseImage(&result);

@@ -193,22 +193,17 @@ TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
   }
 }
 
-class CoreBoundingBox : public segtest::SegmenterTest {
- protected:
-  void SetUp() override {
-    std::mt19937 rng(1);
-    setWorkingImage(segtest::randomImage(100, 80, 3, rng));
-    ZIRKSEMarker::m_labelImage = segtest::filledImage(100, 80, 1, 1);
-  }
-  // Box corners (inclusive) and the area threshold (when not -1) after computeBoundingBox.
-  void expectBox(int x0, int y0, int x1, int y1, int64_t threshold) {
+class CoreBoundingBox : public segtest::SegmenterTest {};
+
+// Box corners (inclusive) and the area threshold (when not -1) by the kind of mark.
+TEST_F(CoreBoundingBox, FromTheLoopPointsOrTheLabels) {
+  setWorkingImage(segtest::filledImage(100, 80, 3, 50));
+  ZIRKSEMarker::m_labelImage = segtest::filledImage(100, 80, 1, 1);
+  auto expectBox = [&](int x0, int y0, int x1, int y1, int64_t threshold) {
     hybrid->computeBoundingBox();
     EXPECT_EQ(box(), cv::Rect(cv::Point(x0, y0), cv::Point(x1 + 1, y1 + 1)));
     if (threshold >= 0) { EXPECT_EQ(hybrid->m_areaThreshold, threshold); }
-  }
-};
-
-TEST_F(CoreBoundingBox, FromTheLoopPointsOrTheLabels) {
+  };
   expectBox(0, 0, 10, 10, 0);  // no mark at all: the corner box
   // A box request: unknown and estimated-object labels; estimated background is no mark.
   const cv::Mat labels = view(ZIRKSEMarker::m_labelImage);

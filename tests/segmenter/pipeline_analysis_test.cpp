@@ -180,12 +180,14 @@ TEST_F(PipelineLamda, SpanningTrialsFirstThenTheSpreadOfTheAreas) {
   EXPECT_EQ(choose(), 1);
 }
 
-// A sharp black square on white. The first trial is the fall-back only when
-// it followed the edges better than the final labels; an empty one never is.
+// A sharp black square and a faint one (edge magnitude 48) on white. The
+// first trial is the fall-back only when it followed strong edges better than
+// the final labels; one on faint edges or an empty one never is.
 TEST_F(PipelineLamda, ChooseIterFallsBackToTheFirstTrialOnlyWhenItFollowedTheEdges) {
   cvSet(hybrid->m_cropSrcImage, cvScalarAll(255));
   fillRect(hybrid->m_cropSrcImage, 20, 15, 50, 45, 0);
-  for (const cv::Rect& r : {cv::Rect(20, 15, 30, 30), cv::Rect(60, 5, 15, 7), cv::Rect()}) {
+  fillRect(hybrid->m_cropSrcImage, 58, 36, 76, 56, 243);
+  for (const cv::Rect& r : {cv::Rect(20, 15, 30, 30), cv::Rect(60, 5, 15, 7), cv::Rect(58, 36, 18, 20), cv::Rect()}) {
     cvSet(hybrid->m_labelHistory[0], cvScalarAll(3));
     fillRect(hybrid->m_labelHistory[0], r.x, r.y, r.x + r.width, r.y + r.height, 4);
     cvSet(hybrid->m_cropLabelImage, cvScalarAll(3));

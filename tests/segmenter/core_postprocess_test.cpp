@@ -115,8 +115,8 @@ TEST_F(CorePostProcess, BrushKeepsOnlyFlipsTouchingThePath) {
   }
 }
 
-// Working box (5, 4) of 10 x 8 at factor 2: rows 8..23, columns 10..29 of
-// the cut replace the previous result, where the cut removes.
+// Working box (5, 4) of 10 x 8 at factor 2: the cut's background applies to
+// the previous result in rows 8..23, columns 10..29 only.
 TEST_F(CorePostProcess, RemovingLoopOnlyRemovesInsideTheScaledBox) {
   g_imageResizeFactor = 2.0f;
   setBox(5, 4, 10, 8);

@@ -8,18 +8,31 @@
 namespace {
 
 using segtest::at;
+using segtest::differ;
 using segtest::fillRect;
 using segtest::filledImage;
 
 class PipelineAnalysis : public segtest::SegmenterTest {};
 
-TEST_F(PipelineAnalysis, GreyTestThresholdsTheMeanChannelSpread) {
+// Grey test: mean channel spread 0, 3/4 (grey), exactly 1 (colour). Border
+// test: white columns [x0, x1) of rows 10..90, tx = 15, far side W - xmax;
+// only 255 counts.
+TEST_F(PipelineAnalysis, GreyAndBorderTestsAtTheirThresholds) {
   IplImage* img = filledImage(2, 2, 3, 100);
-  for (const int blue : {100, 103, 104}) {  // mean spread 0, 3/4 (grey), exactly 1 (colour)
+  for (const int blue : {100, 103, 104}) {
     at(img, 1, 0, 2) = static_cast<uint8_t>(blue);
     EXPECT_EQ(hybrid->greyScaleTest(img), blue != 104) << blue;
   }
   cvReleaseImage(&img);
+  IplImage* mask = filledImage(100, 100, 1, 254);
+  EXPECT_FALSE(hybrid->boundaryTest(mask, 0.15f));
+  const struct { int x0, x1; bool spans; } cases[] = {{10, 91, true}, {20, 91, false}, {0, 86, false}, {0, 87, true}};
+  for (const auto& c : cases) {
+    cvSetZero(mask);
+    fillRect(mask, c.x0, 10, c.x1, 91, 255);
+    EXPECT_EQ(hybrid->boundaryTest(mask, 0.15f), c.spans) << c.x0 << ".." << c.x1 - 1;
+  }
+  cvReleaseImage(&mask);
 }
 
 // Neighbour differences of channel 0; row 0 looks down, the last column looks
@@ -29,8 +42,7 @@ TEST_F(PipelineAnalysis, TextureMapsMatchNeighbourDifferences) {
   for (const cv::Size size : {cv::Size(7, 5), cv::Size(1, 4), cv::Size(5, 1)}) {
     const int w = size.width, h = size.height;
     IplImage* src = segtest::randomImage(w, h, 3, rng);
-    ZIRK_ReleaseImage(&ZIRKSEMarker::m_srcImage);
-    ZIRKSEMarker::m_srcImage = src;
+    segtest::replace(ZIRKSEMarker::m_srcImage, src);
     hybrid->computeTexture();
     auto s = [&](int x, int y) { return static_cast<int>(at(src, x, y)); };
     for (int y = 0; y < h; ++y)
@@ -49,21 +61,6 @@ TEST_F(PipelineAnalysis, TextureMapsMatchNeighbourDifferences) {
   }
 }
 
-TEST_F(PipelineAnalysis, BoundaryTestMeasuresFarSidesFromTheEdge) {
-  IplImage* mask = filledImage(100, 100, 1, 0);
-  // White columns [x0, x1) of rows 10..90; tx = 15; far side W - xmax.
-  const struct { int x0, x1; bool spans; } cases[] = {
-      {10, 91, true}, {20, 91, false}, {0, 86, false}, {0, 87, true}};
-  for (const auto& c : cases) {
-    cvSetZero(mask);
-    fillRect(mask, c.x0, 10, c.x1, 91, 255);
-    EXPECT_EQ(hybrid->boundaryTest(mask, 0.15f), c.spans) << c.x0 << ".." << c.x1 - 1;
-  }
-  cvSet(mask, cvScalarAll(254));  // only 255 counts: empty
-  EXPECT_FALSE(hybrid->boundaryTest(mask, 0.15f));
-  cvReleaseImage(&mask);
-}
-
 // A flat box stays as it is. A textured object on flat ground: the box
 // closes in on the object plus at most a few lines of smooth ground, and
 // everything it gives up (and its own rim) becomes fixed background.
@@ -72,19 +69,14 @@ TEST_F(PipelineAnalysis, PreProcessTightensAroundStructureOnly) {
   ZIRKSEMarker::m_labelImage = filledImage(120, 90, 1, 4);
   setBox(5, 5, 110, 80);
   hybrid->preProcess();
-  auto box = [&] {
-    return cv::Rect(ZIRKSEMarker::m_xMinBBox, ZIRKSEMarker::m_yMinBBox, hybrid->m_cropWidth,
-                    hybrid->m_cropHeight);
-  };
   EXPECT_EQ(box(), cv::Rect(5, 5, 110, 80));
-  EXPECT_EQ(cv::countNonZero(segtest::view(ZIRKSEMarker::m_labelImage) != 4), 0);
+  EXPECT_EQ(differ(ZIRKSEMarker::m_labelImage, cv::Mat(90, 120, CV_8U, cv::Scalar(4))), 0);
 
   const cv::Rect object(40, 30, 40, 30);
   cv::Mat noise(object.size(), CV_8U), roi = segtest::view(ZIRKSEMarker::m_srcImage)(object);
   cv::RNG(3).fill(noise, cv::RNG::UNIFORM, 0, 256);
   cv::Mat channels[] = {noise, noise, noise};
   cv::merge(channels, 3, roi);
-  setBox(5, 5, 110, 80);
   hybrid->preProcess();
   const cv::Rect b = box();
   EXPECT_TRUE(b.x < 40 && b.y < 30 && b.br().x > 80 && b.br().y > 60) << b;
@@ -92,7 +84,7 @@ TEST_F(PipelineAnalysis, PreProcessTightensAroundStructureOnly) {
   cv::Mat want(90, 120, CV_8U, cv::Scalar(4));
   want(cv::Rect(5, 5, 110, 80)).setTo(1);
   want(cv::Rect(b.x + 1, b.y + 1, b.width - 2, b.height - 2)).setTo(4);
-  EXPECT_EQ(cv::countNonZero(segtest::view(ZIRKSEMarker::m_labelImage) != want), 0);
+  EXPECT_EQ(differ(ZIRKSEMarker::m_labelImage, want), 0);
 }
 
 // The choice of the smoothness weight among the three trials, and the final
@@ -121,37 +113,28 @@ class PipelineLamda : public segtest::SegmenterTest {
   void expectRun(int index, int status, double lamda, IplImage* labels) {
     EXPECT_EQ(hybrid->parallelLamdaSwtich(index), status);
     EXPECT_EQ(hybrid->m_lamda, lamda);
-    EXPECT_TRUE(same(hybrid->m_cropLabelImage, labels));
-  }
-  static bool same(IplImage* a, IplImage* b) {
-    return cv::countNonZero(segtest::view(a) != segtest::view(b)) == 0;
+    EXPECT_EQ(differ(hybrid->m_cropLabelImage, segtest::view(labels)), 0);
   }
 };
 
-// Trials use truncated weights (13.513 runs as 13) and start from the user's labels.
-TEST_F(PipelineLamda, TrialsRunTruncatedWeightsFromTheUserLabels) {
-  const double colour[3] = {50.0, 13.0, 8.0}, grey[3] = {15.0, 10.0, 7.0};
-  for (int i = 0; i < 3; ++i) {
-    ZIRKSEMarker::m_isGreyScale = false;
-    cvSet(hybrid->m_cropLabelImage, cvScalarAll(4));
-    expectRun(i, i == 0 ? 0 : 2, colour[i], hybrid->m_initLabelImage);
-    ZIRKSEMarker::m_isGreyScale = true;
-    hybrid->parallelLamdaSwtich(i);
-    EXPECT_EQ(hybrid->m_lamda, grey[i]);
-  }
-  EXPECT_EQ(hybrid->parallelLamdaSwtich(4), 1);  // later iterations only refit
-  EXPECT_EQ(hybrid->m_lamda, 7.0);
-}
-
-TEST_F(PipelineLamda, NoTrialPassingTheContrastTestChoosesTrialZero) {
+// Trials use truncated weights (13.513 runs as 13) and start from the user's
+// labels; later iterations only refit. No trial passing the contrast test
+// chooses trial 0, run with its full weight; less than 100 kept pixels choose
+// the fall-back weight with the user's labels.
+TEST_F(PipelineLamda, TrialWeightsAndTheRunAfterTheChoice) {
+  cvSet(hybrid->m_cropLabelImage, cvScalarAll(4));
+  expectRun(1, 2, 13.0, hybrid->m_initLabelImage);
+  ZIRKSEMarker::m_isGreyScale = true;
+  cvSet(hybrid->m_cropLabelImage, cvScalarAll(4));
+  expectRun(0, 0, 15.0, hybrid->m_initLabelImage);
+  EXPECT_EQ(hybrid->parallelLamdaSwtich(4), 1);
+  ZIRKSEMarker::m_isGreyScale = false;
   trial(0, 10, 10, 30, 30, false);
   trial(1, 40, 10, 60, 30, false);
   trial(2, 10, 35, 40, 55, false);
   EXPECT_EQ(choose(), 0);
-  expectRun(3, 1, 50.0, hybrid->m_labelHistory[0]);  // trial 0 with its full weight
-}
-
-TEST_F(PipelineLamda, SmallKeptAreaFallsBackWithTheUserLabels) {
+  expectRun(3, 1, 50.0, hybrid->m_labelHistory[0]);
+  cvSet(hybrid->m_cropSrcImage, cvScalarAll(128));
   trial(0, 10, 10, 19, 19, true);  // 81 pixels
   trial(1, 40, 10, 48, 18, true);  // 64 pixels
   trial(2, 10, 35, 40, 55, false);
@@ -161,24 +144,22 @@ TEST_F(PipelineLamda, SmallKeptAreaFallsBackWithTheUserLabels) {
   expectRun(3, 2, 3.0, hybrid->m_initLabelImage);
 }
 
-TEST_F(PipelineLamda, SpanningTrialsPreferTheSmallestAndTiesTheEarlier) {
-  // Trial 0 is empty (fails the contrast test); 1 and 2 span the box equally.
+// Among spanning trials (trial 0 empty: fails the contrast test) the smallest
+// wins, ties the earlier. Non-spanning
+// ones are judged by the spread of their areas: similar areas choose the
+// second-last member, very different ones the last; a single member is chosen
+// when large enough. Only the largest parts of a trial count: a crowd of
+// isolated pixels (far more parts than 8-bit labels hold) next to a block
+// leaves the block.
+TEST_F(PipelineLamda, SpanningTrialsFirstThenTheSpreadOfTheAreas) {
   trial(1, 4, 4, 76, 56, true);
   trial(2, 4, 4, 76, 56, true);
   EXPECT_EQ(choose(), 1);
-  // Chosen, the colour candidate 13.513 is used untruncated.
-  expectRun(3, 1, static_cast<double>(13.513f), hybrid->m_labelHistory[1]);
-  cvSet(hybrid->m_labelHistory[2], cvScalarAll(3));
-  fillRect(hybrid->m_labelHistory[2], 5, 5, 75, 55, 4);  // a smaller spanning object wins
+  expectRun(3, 1, static_cast<double>(13.513f), hybrid->m_labelHistory[1]);  // untruncated
+  trial(2, 5, 5, 75, 55, true);
   EXPECT_EQ(choose(), 2);
-}
 
-// Non-spanning trials are judged by the spread of their areas: similar areas
-// choose the second-last member, very different ones the last; a single
-// member is chosen when large enough. Only the largest parts of a trial
-// count: a crowd of isolated pixels (far more parts than 8-bit labels hold)
-// next to a block leaves the block.
-TEST_F(PipelineLamda, NonSpanningTrialsAreJudgedByTheSpreadOfTheirAreas) {
+  cvSet(hybrid->m_cropSrcImage, cvScalarAll(128));
   trial(0, 5, 5, 25, 25, true);    // 400
   trial(2, 40, 5, 59, 25, true);   // 380
   trial(1, 5, 35, 40, 55, false);
@@ -199,21 +180,21 @@ TEST_F(PipelineLamda, NonSpanningTrialsAreJudgedByTheSpreadOfTheirAreas) {
   EXPECT_EQ(choose(), 1);
 }
 
-// A sharp black square on white. The first trial is the fall-back only when
-// it followed the edges better than the final labels; an empty one never is.
+// A sharp black square and a faint one (edge magnitude 48) on white. The
+// first trial is the fall-back only when it followed strong edges better than
+// the final labels; one on faint edges or an empty one never is.
 TEST_F(PipelineLamda, ChooseIterFallsBackToTheFirstTrialOnlyWhenItFollowedTheEdges) {
   cvSet(hybrid->m_cropSrcImage, cvScalarAll(255));
   fillRect(hybrid->m_cropSrcImage, 20, 15, 50, 45, 0);
-  const cv::Rect firstTrials[] = {{20, 15, 30, 30}, {60, 5, 15, 7}, {0, 0, 0, 0}};
-  for (const cv::Rect& r : firstTrials) {
+  fillRect(hybrid->m_cropSrcImage, 58, 36, 76, 56, 243);
+  for (const cv::Rect& r : {cv::Rect(20, 15, 30, 30), cv::Rect(60, 5, 15, 7), cv::Rect(58, 36, 18, 20), cv::Rect()}) {
     cvSet(hybrid->m_labelHistory[0], cvScalarAll(3));
     fillRect(hybrid->m_labelHistory[0], r.x, r.y, r.x + r.width, r.y + r.height, 4);
     cvSet(hybrid->m_cropLabelImage, cvScalarAll(3));
     fillRect(hybrid->m_cropLabelImage, 55, 10, 75, 30, 4);  // cuts through flat ground
-    IplImage* before = cvCloneImage(hybrid->m_cropLabelImage);
+    const cv::Mat before = segtest::view(hybrid->m_cropLabelImage).clone();
     hybrid->chooseIter();
-    EXPECT_TRUE(same(hybrid->m_cropLabelImage, r.x == 20 ? hybrid->m_labelHistory[0] : before)) << r;
-    cvReleaseImage(&before);
+    EXPECT_EQ(differ(hybrid->m_cropLabelImage, r.x == 20 ? segtest::view(hybrid->m_labelHistory[0]) : before), 0) << r;
   }
 }
 

@@ -110,8 +110,7 @@ TEST_F(PipelineSegment, EveryPhotoSegmentedDirectly) {
     const double fx = double(size.width) / p.image.cols, fy = double(size.height) / p.image.rows;
     // Some rectangles reach one pixel past the image.
     const cv::Rect rect = cv::Rect(cv::Point(int(p.x1 * fx), int(p.y1 * fy)),
-                                   cv::Point(int(p.x2 * fx) + 1, int(p.y2 * fy) + 1)) &
-                          cv::Rect(cv::Point(0, 0), size);
+                                   cv::Point(int(p.x2 * fx) + 1, int(p.y2 * fy) + 1)) & cv::Rect(cv::Point(), size);
     start(image);
     loop(rect.x, rect.y, rect.br().x - 1, rect.br().y - 1);
     LogCapture log;
@@ -124,10 +123,9 @@ TEST_F(PipelineSegment, EveryPhotoSegmentedDirectly) {
       cvReleaseImage(&mask);
       EXPECT_EQ(cv::countNonZero((m != 0) & (m != 255)), 0);
       IplImage* newest = ZIRKSEManageUndoRedo::prevMask();
-      EXPECT_TRUE(newest != nullptr && cv::countNonZero(view(newest) != m) == 0);
+      EXPECT_TRUE(newest != nullptr && segtest::differ(newest, m) == 0);
       ZIRK_ReleaseImage(&newest);
-      EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_cropSrcImage == nullptr &&
-                  hybrid->m_labelHistory[0] == nullptr);
+      EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_cropSrcImage == nullptr && hybrid->m_labelHistory[0] == nullptr);
       const double iou = intersectionOverUnion(m, truth);
       EXPECT_GT(iou, 0.3) << name;
       std::printf("%-10s %dx%d IoU %.4f\n", name.c_str(), size.width, size.height, iou);
@@ -146,22 +144,24 @@ TEST_F(PipelineSegment, EveryPhotoSegmentedDirectly) {
 }
 
 // A cancel raised before the request ends it once the box is set up, before
-// any model is fitted: no result, the log line, nothing left allocated, the
+// any model is fitted: no result, nothing left allocated, the
 // history as it was. The next request runs normally once the flag is lowered.
-TEST_F(PipelineSegment, CancelEndsAfterTheFirstIterationAndKeepsTheHistory) {
+// Checking the budget between iterations leaves its timer running, so the
+// max-flow of the next iteration still sees time pass.
+TEST_F(PipelineSegment, CancelAndBudgetEndTheRequestAndKeepTheHistory) {
   cv::Mat image(240, 320, CV_8UC3, cv::Scalar(40, 160, 60));
   cv::circle(image, cv::Point(160, 120), 60, cv::Scalar(30, 30, 210), cv::FILLED);
   start(image);
-  IplImage* known = filledImage(320, 240, 1, 0);
-  fillRect(known, 10, 10, 50, 50, 255);
-  ZIRKSEManageUndoRedo::updateBitPlane(known);
+  cv::Mat known(240, 320, CV_8U, cv::Scalar(0));
+  known(cv::Rect(10, 10, 40, 40)).setTo(255);
+  IplImage* knownMask = segtest::toIpl(known);
+  ZIRKSEManageUndoRedo::updateBitPlane(knownMask);
+  cvReleaseImage(&knownMask);
   const int32_t current = ZIRKSEManageUndoRedo::m_current;
 
   loop(80, 40, 240, 200);
   ZIRKSEMarker::m_exitApp = true;
-  LogCapture log;
   EXPECT_EQ(hybrid->segment(), nullptr);
-  EXPECT_EQ(log.count(6, "Error", "Segmentation canceled due to timeout"), 1) << log.dump();
   EXPECT_EQ(std::accumulate(hybrid->m_fgModel.m_weight, hybrid->m_fgModel.m_weight + 5, 0.0), 0.0);
   EXPECT_TRUE(hybrid->m_graph == nullptr && hybrid->m_trimapGraph == nullptr && g_cancelTimer == nullptr);
   EXPECT_TRUE(hybrid->m_cropSrcImage == nullptr && hybrid->m_cropLabelImage == nullptr &&
@@ -170,40 +170,44 @@ TEST_F(PipelineSegment, CancelEndsAfterTheFirstIterationAndKeepsTheHistory) {
   EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, current);
   IplImage* newest = ZIRKSEManageUndoRedo::prevMask();
   ASSERT_NE(newest, nullptr);
-  EXPECT_EQ(cv::countNonZero(view(newest) != view(known)), 0);
+  EXPECT_EQ(segtest::differ(newest, known), 0);
   cvReleaseImage(&newest);
 
   ZIRKSEMarker::m_exitApp = false;
   hybrid->setLabelImage(marker);
   IplImage* mask = hybrid->segment();
   ASSERT_NE(mask, nullptr);
-  cv::Mat expected = view(known).clone();
-  cv::circle(expected, cv::Point(160, 120), 60, cv::Scalar(255), cv::FILLED);
-  EXPECT_GT(intersectionOverUnion(view(mask), expected), 0.97);
+  cv::circle(known, cv::Point(160, 120), 60, cv::Scalar(255), cv::FILLED);
+  EXPECT_GT(intersectionOverUnion(view(mask), known), 0.97);
   EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, (current + 1) % 32);
   cvReleaseImage(&mask);
-  cvReleaseImage(&known);
+
+  g_cancelTimer = create_timer();
+  start_cpu_timer(g_cancelTimer);
+  EXPECT_FALSE(hybrid->cancelSegmentation());
+  const double first = get_elapsed_time_in_millisec(g_cancelTimer);
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_GE(get_elapsed_time_in_millisec(g_cancelTimer), first + 4.0);
+  g_cancelTimer->start.tv_sec -= 11;  // the budget is now spent
+  EXPECT_TRUE(ZIRK_shouldStopSegmentation());
+  EXPECT_TRUE(hybrid->cancelSegmentation());
 }
 
-// Without a boundary there is no band: the plain enlargement, with its log
-// line. A red disc on green ground at 200x150, segmented at 100x75: the band
+// Without a boundary there is no band: the plain enlargement. A red disc on green ground at 200x150, segmented at 100x75: the band
 // cut recovers the round outline that the nearest enlargement turns into
 // steps, and it changes nothing away from the boundary.
 TEST_F(PipelineSegment, UpscalingRefinesTheOutlineOnly) {
   source(cv::Mat(48, 64, CV_8UC3, cv::Scalar(10, 20, 30)));
   ZIRKSEMarker::m_labelImage = filledImage(32, 24, 1, 1);
   for (const int value : {0, 1}) {
-    LogCapture log;
     IplImage* mask = filledImage(32, 24, 1, value);
     IplImage* result = hybrid->intelligentUpscaling(mask);
+    cvReleaseImage(&mask);
     ASSERT_NE(result, nullptr);
     EXPECT_EQ(cv::countNonZero(view(result) == 255 * value), 64 * 48);
-    EXPECT_EQ(log.countPrefix("Error", "Failed: xmin:"), 1) << log.dump();
     EXPECT_EQ(hybrid->m_trimapGraph, nullptr);
-    cvReleaseImage(&mask);
     cvReleaseImage(&result);
   }
-  ZIRK_ReleaseImage(&ZIRKSEMarker::m_labelImage);
   ZIRK_ReleaseImage(&ZIRKSEMarker::m_originalImage);
 
   std::mt19937 rng(9);
@@ -227,44 +231,26 @@ TEST_F(PipelineSegment, UpscalingRefinesTheOutlineOnly) {
   hybrid->m_lamda = 50.0;
   hybrid->m_beta = 1.0 / (2.0 * 3.0 * 12.0 * 12.0);
 
-  cv::Mat small, labels, enlarged;
+  cv::Mat small, labels, enlarged, outer, inner;
   cv::resize(truth, small, cv::Size(100, 75), 0, 0, cv::INTER_NEAREST);
   small.convertTo(labels, CV_8U, 1.0 / 255, 3);  // 4 object, 3 background
-  ZIRKSEMarker::m_labelImage = segtest::toIpl(labels);
+  segtest::replace(ZIRKSEMarker::m_labelImage, segtest::toIpl(labels));
   IplImage* mask = segtest::toIpl(small / 255);
-  LogCapture log;
   IplImage* result = hybrid->intelligentUpscaling(mask);
-  ASSERT_NE(result, nullptr);
-  EXPECT_EQ(log.countPrefix("Info", "Passed:"), 1) << log.dump();
-  EXPECT_EQ(hybrid->m_trimapGraph, nullptr);
-  const cv::Mat refined = segtest::view(result).clone();
-  cvReleaseImage(&result);
   cvReleaseImage(&mask);
+  ASSERT_NE(result, nullptr);
+  EXPECT_EQ(hybrid->m_trimapGraph, nullptr);
+  const cv::Mat refined = view(result).clone();
+  cvReleaseImage(&result);
 
   cv::resize(small, enlarged, truth.size(), 0, 0, cv::INTER_NEAREST);
-  const int refinedErrors = cv::countNonZero(refined != truth);
-  const int enlargedErrors = cv::countNonZero(enlarged != truth);
+  const int refinedErrors = cv::countNonZero(refined != truth), enlargedErrors = cv::countNonZero(enlarged != truth);
   EXPECT_LT(refinedErrors * 3, enlargedErrors) << refinedErrors << " vs " << enlargedErrors;
   // Changes stay within a few pixels of the enlarged outline; values are 0/255.
-  cv::Mat outer, inner;
   cv::dilate(enlarged, outer, cv::Mat::ones(9, 9, CV_8U));
   cv::erode(enlarged, inner, cv::Mat::ones(9, 9, CV_8U));
   EXPECT_EQ(cv::countNonZero((refined != enlarged) & (outer == inner)), 0);
   EXPECT_EQ(cv::countNonZero((refined != 0) & (refined != 255)), 0);
-}
-
-// The budget check between iterations leaves the budget timer running, so the
-// max-flow of the next iteration still sees time pass.
-TEST_F(PipelineSegment, BudgetTimerKeepsRunningAfterTheIterationCheck) {
-  g_cancelTimer = create_timer();
-  start_cpu_timer(g_cancelTimer);
-  EXPECT_FALSE(hybrid->cancelSegmentation());
-  const double first = get_elapsed_time_in_millisec(g_cancelTimer);
-  std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  EXPECT_GE(get_elapsed_time_in_millisec(g_cancelTimer), first + 4.0);
-  g_cancelTimer->start.tv_sec -= 11;  // the budget is now spent
-  EXPECT_TRUE(ZIRK_shouldStopSegmentation());
-  EXPECT_TRUE(hybrid->cancelSegmentation());
 }
 
 }  // namespace

@@ -22,6 +22,7 @@ inline uint8_t& at(IplImage* img, int x, int y, int channel = 0) {
   return reinterpret_cast<uint8_t*>(img->imageData)[y * img->widthStep + x * img->nChannels + channel];
 }
 inline cv::Mat view(IplImage* img) { return cv::cvarrToMat(img); }
+inline int differ(IplImage* img, const cv::Mat& want) { return cv::countNonZero(view(img) != want); }
 inline IplImage* filledImage(int w, int h, int channels, int value) {
   IplImage* img = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, channels);
   cvSet(img, cvScalarAll(value));
@@ -35,7 +36,6 @@ inline IplImage* randomImage(int w, int h, int channels, std::mt19937& rng, int 
     for (int i = 0; i < w * channels; ++i) at(img, 0, y, i) = static_cast<uint8_t>(d(rng));
   return img;
 }
-
 inline IplImage* toIpl(const cv::Mat& m) {  // a deep copy
   IplImage header = cvIplImage(m);
   return cvCloneImage(&header);
@@ -43,6 +43,11 @@ inline IplImage* toIpl(const cv::Mat& m) {  // a deep copy
 // Fills [x0, x1) x [y0, y1) of every channel.
 inline void fillRect(IplImage* img, int x0, int y0, int x1, int y1, int v) {
   view(img)(cv::Rect(x0, y0, x1 - x0, y1 - y0)).setTo(cv::Scalar::all(v));
+}
+// Releases what `slot` holds and takes `img`.
+inline void replace(IplImage*& slot, IplImage* img) {
+  ZIRK_ReleaseImage(&slot);
+  slot = img;
 }
 
 class SegmenterTest : public ::testing::Test {
@@ -62,8 +67,7 @@ class SegmenterTest : public ::testing::Test {
     g_cancelTimer = nullptr;
   }
   void setWorkingImage(IplImage* img) {
-    ZIRK_ReleaseImage(&ZIRKSEMarker::m_srcImage);
-    ZIRKSEMarker::m_srcImage = img;
+    replace(ZIRKSEMarker::m_srcImage, img);
     ZIRKSEMarker::m_width = hybrid->m_width = img->width;
     ZIRKSEMarker::m_height = hybrid->m_height = img->height;
   }
@@ -72,6 +76,9 @@ class SegmenterTest : public ::testing::Test {
     ZIRKSEMarker::m_yMinBBox = y0;
     hybrid->m_cropWidth = w;
     hybrid->m_cropHeight = h;
+  }
+  cv::Rect box() const {
+    return {ZIRKSEMarker::m_xMinBBox, ZIRKSEMarker::m_yMinBBox, hybrid->m_cropWidth, hybrid->m_cropHeight};
   }
   std::unique_ptr<ZIRKSEHybrid> hybrid = std::make_unique<ZIRKSEHybrid>();
 };

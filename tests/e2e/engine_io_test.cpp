@@ -57,8 +57,9 @@ std::vector<unsigned char> applyMarks(std::vector<unsigned char> mask, const std
 }
 
 // Without markers a request shows the source and hands back no mask. Then
-// the marks become the mask, merged into the previous one and recorded. The
-// width is no multiple of 4, so every column band of the mask writer counts.
+// the marks become the mask, merged into the previous one and recorded, and
+// the history walks back to the plain source and forward to the newest mask.
+// The width is no multiple of 4, so every column band of the mask writer counts.
 TEST_F(EngineTest, CutOutTakesTheMarksAsTheMaskAndRecordsIt) {
   const int w = 50, h = 36;
   const std::vector<unsigned int> src = e2e::opaque(e2e::randomArgb(w, h, 21));
@@ -97,9 +98,14 @@ TEST_F(EngineTest, CutOutTakesTheMarksAsTheMaskAndRecordsIt) {
   undo(argb.data(), mask.data());
   EXPECT_EQ(mask, mask1);
   EXPECT_TRUE(e2e::previewOutlinesObject(argb, src, e2e::objectOf(mask1, w, h)));
-  EXPECT_TRUE(canRedo());
-  redo(argb.data(), mask.data());
+  std::fill(mask.begin(), mask.end(), 9);
+  undo(argb.data(), mask.data());  // before the first mask: the plain source, the mask left alone
+  EXPECT_EQ(argb, src);
+  EXPECT_EQ(mask, std::vector<unsigned char>(src.size(), 9));
+  EXPECT_TRUE(!canUndo() && canRedo());
+  for (int i = 0; i < 3; ++i) redo(argb.data(), mask.data());  // the last one at the newest mask
   EXPECT_EQ(mask, mask2);
+  EXPECT_FALSE(canRedo());
 
   // A single object pixel has a contour; an empty mask has none and leaves the preview.
   std::vector<int> marks(src.size(), 1);

@@ -4,7 +4,6 @@
 #include <opencv2/imgcodecs.hpp>
 #endif
 
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sys/stat.h>
@@ -22,16 +21,14 @@ std::string photoSetDir() {
 namespace {
 
 #if SEGCORE_HAVE_IMGCODECS
-const char kImageExt[] = ".jpg";
-const char kMaskExt[] = ".png";
+const char kImageExt[] = ".jpg", kMaskExt[] = ".png";
 cv::Mat readImage(const std::string& path, bool colour) {
   return cv::imread(path, colour ? cv::IMREAD_COLOR : cv::IMREAD_GRAYSCALE);
 }
 #else
 // Without imgcodecs the photo set is read as binary PNM files (P6 images,
 // P5 masks), written beforehand by the host's export_photo_set.
-const char kImageExt[] = ".ppm";
-const char kMaskExt[] = ".pgm";
+const char kImageExt[] = ".ppm", kMaskExt[] = ".pgm";
 cv::Mat readImage(const std::string& path, bool colour) {
   std::ifstream in(path, std::ios::binary);
   std::string magic;
@@ -42,10 +39,8 @@ cv::Mat readImage(const std::string& path, bool colour) {
   cv::Mat image(h, w, colour ? CV_8UC3 : CV_8UC1);
   in.read(reinterpret_cast<char*>(image.data), static_cast<std::streamsize>(image.total() * image.elemSize()));
   if (!in) return cv::Mat();
-  if (colour) {
-    for (int y = 0; y < h; ++y)  // PNM stores RGB; images here are BGR
-      for (int x = 0; x < w; ++x) std::swap(image.at<cv::Vec3b>(y, x)[0], image.at<cv::Vec3b>(y, x)[2]);
-  }
+  for (size_t i = 0; colour && i < image.total(); ++i)  // PNM stores RGB; images here are BGR
+    std::swap(image.data[3 * i], image.data[3 * i + 2]);
   return image;
 }
 #endif
@@ -75,14 +70,10 @@ Photo loadPhoto(const std::string& name) {
 }
 
 std::vector<unsigned int> toArgb(const cv::Mat& bgr) {
-  std::vector<unsigned int> argb(static_cast<size_t>(bgr.rows) * bgr.cols);
-  for (int y = 0; y < bgr.rows; ++y) {
-    const cv::Vec3b* row = bgr.ptr<cv::Vec3b>(y);
-    for (int x = 0; x < bgr.cols; ++x) {
-      argb[static_cast<size_t>(y) * bgr.cols + x] =
-          0xFF000000u | (unsigned(row[x][2]) << 16) | (unsigned(row[x][1]) << 8) | row[x][0];
-    }
-  }
+  std::vector<unsigned int> argb;
+  argb.reserve(bgr.total());
+  for (auto it = bgr.begin<cv::Vec3b>(); it != bgr.end<cv::Vec3b>(); ++it)
+    argb.push_back(0xFF000000u | (unsigned((*it)[2]) << 16) | (unsigned((*it)[1]) << 8) | (*it)[0]);
   return argb;
 }
 
@@ -93,6 +84,5 @@ double intersectionOverUnion(const cv::Mat& mask, const cv::Mat& truth) {
 }
 
 double errorRate(const cv::Mat& mask, const cv::Mat& truth) {
-  const cv::Mat a = mask != 0, b = truth != 0;
-  return static_cast<double>(cv::countNonZero(a != b)) / static_cast<double>(a.total());
+  return static_cast<double>(cv::countNonZero((mask != 0) != (truth != 0))) / static_cast<double>(mask.total());
 }

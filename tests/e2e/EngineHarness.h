@@ -1,6 +1,6 @@
-// Helpers of the end-to-end suites: the fixture that tears the engine down
-// after every test, caller-side buffers, and checks on what the engine hands
-// back. Everything drives the engine through the caller's header.
+// Helpers of the end-to-end suites, which drive the engine through the
+// caller's header: the fixture that tears the engine down after every test,
+// caller-side buffers, and checks on what the engine hands back.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -17,8 +17,6 @@
 #include "engine/SegmentationCore.h"
 
 namespace e2e {
-
-constexpr unsigned int kYellow = 0xFFFFFF00u;
 
 class EngineTest : public ::testing::Test {
  protected:
@@ -54,22 +52,22 @@ inline cv::Mat objectOf(const std::vector<unsigned char>& mask, int width, int h
 }
 
 // The preview is the source everywhere except opaque yellow outline pixels,
-// each within `reach` pixels of the object's edge (a pixel with a
-// 4-neighbour on the other side; beyond the border counts as background);
-// an object that has an edge gets at least one outline pixel.
+// each within 2 pixels of the object's edge (a pixel with a 4-neighbour on
+// the other side; beyond the border counts as background); an object that
+// has an edge gets at least one outline pixel.
 inline ::testing::AssertionResult previewOutlinesObject(const std::vector<unsigned int>& preview,
                                                         const std::vector<unsigned int>& source,
-                                                        const cv::Mat& object, int reach = 2) {
+                                                        const cv::Mat& object) {
   cv::Mat grown, shrunk, nearEdge;
   const cv::Mat cross = cv::getStructuringElement(cv::MORPH_CROSS, cv::Size(3, 3));
   cv::dilate(object, grown, cross, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
   cv::erode(object, shrunk, cross, cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
-  cv::dilate(grown != shrunk, nearEdge, cv::Mat::ones(2 * reach + 1, 2 * reach + 1, CV_8U));
+  cv::dilate(grown != shrunk, nearEdge, cv::Mat::ones(5, 5, CV_8U));
   int painted = 0;
   for (size_t i = 0; i < preview.size(); ++i) {
     if (preview[i] == source[i]) continue;
     const int x = static_cast<int>(i % object.cols), y = static_cast<int>(i / object.cols);
-    if (preview[i] != kYellow || nearEdge.at<uint8_t>(y, x) == 0)
+    if (preview[i] != 0xFFFFFF00u || nearEdge.at<uint8_t>(y, x) == 0)
       return ::testing::AssertionFailure() << "pixel (" << x << ", " << y << ") changed to " << std::hex
                                            << preview[i] << " away from the edge or not yellow";
     ++painted;

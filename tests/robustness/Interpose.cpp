@@ -12,16 +12,24 @@
 
 namespace {
 
-std::atomic<long> g_stepSeconds{0};
-std::atomic<long> g_offsetSeconds{0};
-std::atomic<int> g_failAt{0};
-std::atomic<int> g_calls{0};
+// The calls since it was armed, and the one armed (0: none).
+struct Trap {
+  std::atomic<int> at{0}, calls{0};
+  int next() { return calls.fetch_add(1) + 1; }
+  void arm(int n) {
+    calls = 0;
+    at = n;
+  }
+};
+
+Trap g_clock, g_alloc;
+std::atomic<long> g_jumpSeconds{0};
 
 }  // namespace
 
-// The real clock plus an offset that grows by the step at every reading.
 extern "C" int gettimeofday(struct timeval* tv, void*) {
-  const long offset = g_offsetSeconds.fetch_add(g_stepSeconds.load()) + g_stepSeconds.load();
+  const int at = g_clock.at.load();
+  const long offset = at > 0 && g_clock.next() >= at ? g_jumpSeconds.load() : 0;
   struct timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   tv->tv_sec = now.tv_sec + offset;
@@ -33,26 +41,23 @@ extern "C" int gettimeofday(struct timeval* tv, void*) {
 extern "C" IplImage* cvCreateImage(CvSize size, int depth, int channels) {
   using CreateImageFn = IplImage* (*)(CvSize, int, int);
   static const auto real = reinterpret_cast<CreateImageFn>(dlsym(RTLD_NEXT, "cvCreateImage"));
-  if (g_calls.fetch_add(1) + 1 == g_failAt.load()) {
-    cv::error(cv::Error::StsNoMem, "Failed to allocate (injected)", "cvCreateImage", __FILE__,
-              __LINE__);
-  }
+  if (g_alloc.next() == g_alloc.at.load())
+    cv::error(cv::Error::StsNoMem, "Failed to allocate (injected)", "cvCreateImage", __FILE__, __LINE__);
   return real(size, depth, channels);
 }
 
 namespace interpose {
 
-void setClockStep(long seconds) { g_stepSeconds = seconds; }
-void failCreateImageAt(int n) {
-  g_calls = 0;
-  g_failAt = n;
+void jumpClockAt(int n, long seconds) {
+  g_jumpSeconds = seconds;
+  g_clock.arm(n);
 }
-int createImageCalls() { return g_calls.load(); }
+void failCreateImageAt(int n) { g_alloc.arm(n); }
+int clockReadings() { return g_clock.calls.load(); }
+int createImageCalls() { return g_alloc.calls.load(); }
 void reset() {
-  g_stepSeconds = 0;
-  g_offsetSeconds = 0;
-  g_failAt = 0;
-  g_calls = 0;
+  g_clock.arm(0);
+  g_alloc.arm(0);
 }
 
 }  // namespace interpose

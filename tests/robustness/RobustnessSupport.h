@@ -1,12 +1,15 @@
-// Shared pieces of the robustness suites: the test-controlled clock and
-// allocator (Interpose.cpp), caller buffers with guard words, a synthetic
-// scene, a snapshot of the history, and the fixture that leaves the process clean.
+// Shared pieces of the robustness tests: the test-controlled clock and
+// allocator (Interpose.cpp), guarded caller buffers, a synthetic scene, a
+// snapshot of the history, the sweep over trapped calls, and the fixture
+// that checks the process is left clean.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <functional>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "common/LogCapture.h"
@@ -19,24 +22,23 @@
 
 // This program defines gettimeofday and cvCreateImage itself; the engine is
 // linked in statically, so these replace the system's for the whole program.
-// Everything is off until a test turns it on.
+// Both behave normally until a test arms them.
 namespace interpose {
-// Every gettimeofday reading from now on advances the clock by this many
-// extra seconds (0: the real clock again, offset kept).
-void setClockStep(long seconds);
-// The n-th cvCreateImage call from now on (1 = the next one) throws the
-// cv::Exception of a failed allocation; 0 disarms.
+// From the n-th gettimeofday reading on (1 = the next one) the clock reads
+// `seconds` ahead; 0 disarms.
+void jumpClockAt(int n, long seconds);
+// The n-th cvCreateImage call from now on throws the cv::Exception of a
+// failed allocation; 0 disarms.
 void failCreateImageAt(int n);
-// cvCreateImage calls since the last failCreateImageAt or reset.
+// Readings and calls since the last arming.
+int clockReadings();
 int createImageCalls();
-// Everything off, clock offset back to zero.
 void reset();
 }  // namespace interpose
 
 namespace robustness {
 
-// A caller buffer of n elements between two runs of guard words: the engine
-// may write the n elements and nothing else.
+// A caller buffer of n elements between two runs of guard words.
 template <typename T>
 class Guarded {
  public:
@@ -49,9 +51,8 @@ class Guarded {
     return std::vector<T>(m_words.begin() + kGuard, m_words.begin() + kGuard + m_n);
   }
   bool guardsIntact() const {
-    for (size_t i = 0; i < kGuard; ++i) {
+    for (size_t i = 0; i < kGuard; ++i)
       if (m_words[i] != m_guard || m_words[kGuard + m_n + i] != m_guard) return false;
-    }
     return true;
   }
 
@@ -93,6 +94,10 @@ inline void markLoop(int w, int h, int x1, int y1, int x2, int y2) {
   setMarkerImage(w, h, marks.data(), 0);
   setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
 }
+inline int loopEdit(int w, int h, int x1, int y1, int x2, int y2, unsigned int* argb, unsigned char* mask) {
+  markLoop(w, h, x1, y1, x2, y2);
+  return processSegment(0, 0, 0, argb, mask);
+}
 
 // The positions of the history and its newest mask (empty without one).
 struct HistorySnapshot {
@@ -113,6 +118,77 @@ struct HistorySnapshot {
     return current == o.current && top == o.top && bottom == o.bottom && newest == o.newest;
   }
 };
+
+using Call = std::function<void(unsigned int* argb, unsigned char* mask)>;
+
+// The disc scene with its engine; the loop goes round the middle two thirds.
+struct Scene {
+  int w, h;
+  std::vector<unsigned int> src;
+
+  Scene(int w, int h) : w(w), h(h), src(discScene(w, h)) {}
+  size_t pixels() const { return src.size(); }
+  // Source, engine, and a first mask in the history: a patch in the corner,
+  // outside the loop, marked directly.
+  void start() {
+    setSourceImage(w, h, src.data());
+    initSegmentationEngine(0);
+    std::vector<int> patch = boxMarks(w, h, 2, 2, w / 8, h / 8, 2);
+    setMarkerImage(w, h, patch.data(), 0);
+    cutOutImage(0, 0, 0, nullptr, std::vector<unsigned char>(pixels()).data());
+  }
+  void mark() { markLoop(w, h, w / 6, h / 6, 5 * w / 6, 5 * h / 6); }
+  // Runs a call that must write every pixel of the mask; returns the mask.
+  std::vector<unsigned char> expectMask(const Call& call, bool object) {
+    std::vector<unsigned int> argb(pixels());
+    std::vector<unsigned char> mask(pixels(), 7);
+    call(argb.data(), mask.data());
+    EXPECT_EQ(std::count(mask.begin(), mask.end(), 7), 0);
+    EXPECT_TRUE(!object || std::count(mask.begin(), mask.end(), 0) > 0) << "no object";
+    return mask;
+  }
+};
+
+// One run of a sweep as `check` sees it.
+struct SweepRun {
+  const LogCapture& log;
+  const HistorySnapshot& before;
+  const Guarded<unsigned int>& argb;
+  const Guarded<unsigned char>& mask;
+};
+
+// Runs `call` with the n-th trapped event armed (an allocation that fails, a
+// clock reading that jumps) for n = 1, next(1), ... until the call makes
+// fewer events than n; `prepare` sets the engine up before each run. Whatever
+// the moment, nothing is written outside the caller's buffers and no result
+// is left held; `check` judges the rest.
+inline void sweep(const std::string& what, const std::function<void(int)>& arm,
+                  const std::function<int()>& events, size_t pixels, const std::function<void()>& prepare,
+                  const Call& call, const std::function<void(const SweepRun&)>& check,
+                  const std::function<int(int)>& next = [](int n) { return n + 1; }) {
+  for (int n = 1, runs = 0; runs < 1000; n = next(n), ++runs) {
+    SCOPED_TRACE(what + ", event " + std::to_string(n));
+    deinitSegmentation();
+    resetSegmentationInterface();
+    prepare();
+    const HistorySnapshot before = HistorySnapshot::take();
+    Guarded<unsigned int> argb(pixels, 0x11111111u, 0xCAFEF00Du);
+    Guarded<unsigned char> mask(pixels, 0x44, 0x99);
+    LogCapture log;
+    arm(n);
+    call(argb.data(), mask.data());
+    const int made = events();
+    arm(0);
+    EXPECT_TRUE(argb.guardsIntact() && mask.guardsIntact());
+    EXPECT_EQ(g_resultMask, nullptr);
+    if (made < n) {
+      EXPECT_GT(n, 1) << "no event at all";
+      return;
+    }
+    check({log, before, argb, mask});
+  }
+  ADD_FAILURE() << "no end to the events";
+}
 
 // Every test ends with the engine torn down and no tracked buffer left:
 // whatever a test did, failed allocations and cancels included, the engine

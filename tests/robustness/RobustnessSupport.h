@@ -133,7 +133,7 @@ struct Scene {
   void start() {
     setSourceImage(w, h, src.data());
     initSegmentationEngine(0);
-    std::vector<int> patch = boxMarks(w, h, 2, 2, w / 8, h / 8, 2);
+    std::vector<int> patch = boxMarks(w, h, 1, 1, w / 8 + 1, h / 8 + 1, 2);
     setMarkerImage(w, h, patch.data(), 0);
     cutOutImage(0, 0, 0, nullptr, std::vector<unsigned char>(pixels()).data());
   }

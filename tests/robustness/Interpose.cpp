@@ -12,27 +12,19 @@
 
 namespace {
 
-// The calls since it was armed, and the one armed (0: none).
-struct Trap {
-  std::atomic<int> at{0}, calls{0};
-  int next() { return calls.fetch_add(1) + 1; }
-  void arm(int n) {
-    calls = 0;
-    at = n;
-  }
-};
+// Per trap: the event armed (0: none) and the events since the arming.
+std::atomic<int> g_at[2], g_events[2];
 
-Trap g_clock, g_alloc;
-std::atomic<long> g_jumpSeconds{0};
+// The number of this event when the trap is armed, else 0.
+int event(interpose::Trap trap) { return g_at[trap].load() > 0 ? g_events[trap].fetch_add(1) + 1 : 0; }
 
 }  // namespace
 
 extern "C" int gettimeofday(struct timeval* tv, void*) {
-  const int at = g_clock.at.load();
-  const long offset = at > 0 && g_clock.next() >= at ? g_jumpSeconds.load() : 0;
+  const int n = event(interpose::kClock);
   struct timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
-  tv->tv_sec = now.tv_sec + offset;
+  tv->tv_sec = now.tv_sec + (n > 0 && n >= g_at[interpose::kClock].load() ? 20 : 0);
   tv->tv_usec = now.tv_nsec / 1000;
   return 0;
 }
@@ -41,23 +33,19 @@ extern "C" int gettimeofday(struct timeval* tv, void*) {
 extern "C" IplImage* cvCreateImage(CvSize size, int depth, int channels) {
   using CreateImageFn = IplImage* (*)(CvSize, int, int);
   static const auto real = reinterpret_cast<CreateImageFn>(dlsym(RTLD_NEXT, "cvCreateImage"));
-  if (g_alloc.next() == g_alloc.at.load())
+  const int n = event(interpose::kAlloc);
+  if (n > 0 && n == g_at[interpose::kAlloc].load())
     cv::error(cv::Error::StsNoMem, "Failed to allocate (injected)", "cvCreateImage", __FILE__, __LINE__);
   return real(size, depth, channels);
 }
 
 namespace interpose {
 
-void jumpClockAt(int n, long seconds) {
-  g_jumpSeconds = seconds;
-  g_clock.arm(n);
+void arm(Trap trap, int n) {
+  g_events[trap] = 0;
+  g_at[trap] = n;
 }
-void failCreateImageAt(int n) { g_alloc.arm(n); }
-int clockReadings() { return g_clock.calls.load(); }
-int createImageCalls() { return g_alloc.calls.load(); }
-void reset() {
-  g_clock.arm(0);
-  g_alloc.arm(0);
-}
+int events(Trap trap) { return g_events[trap].load(); }
+void reset() { arm(kClock, 0), arm(kAlloc, 0); }
 
 }  // namespace interpose

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <random>
@@ -24,15 +25,14 @@
 // linked in statically, so these replace the system's for the whole program.
 // Both behave normally until a test arms them.
 namespace interpose {
-// From the n-th gettimeofday reading on (1 = the next one) the clock reads
-// `seconds` ahead; 0 disarms.
-void jumpClockAt(int n, long seconds);
-// The n-th cvCreateImage call from now on throws the cv::Exception of a
-// failed allocation; 0 disarms.
-void failCreateImageAt(int n);
-// Readings and calls since the last arming.
-int clockReadings();
-int createImageCalls();
+enum Trap { kClock, kAlloc };
+// Arms the trap at the n-th event from now on (1 = the next; 0 disarms): from
+// the n-th gettimeofday reading on, the clock is 20 s ahead (past the
+// budget); the n-th cvCreateImage throws the cv::Exception of a failed
+// allocation.
+void arm(Trap trap, int n);
+// The events since the trap was last armed.
+int events(Trap trap);
 void reset();
 }  // namespace interpose
 
@@ -40,26 +40,20 @@ namespace robustness {
 
 // A caller buffer of n elements between two runs of guard words.
 template <typename T>
-class Guarded {
- public:
+struct Guarded {
   static constexpr size_t kGuard = 64;
-  Guarded(size_t n, T fill, T guard) : m_words(n + 2 * kGuard, guard), m_n(n), m_guard(guard) {
-    for (size_t i = 0; i < n; ++i) m_words[kGuard + i] = fill;
+  std::vector<T> words;
+  T guard;
+  Guarded(size_t n, T fill, T guard) : words(n + 2 * kGuard, fill), guard(guard) {
+    for (size_t i = 0; i < kGuard; ++i) words[i] = words[words.size() - 1 - i] = guard;
   }
-  T* data() { return m_words.data() + kGuard; }
-  std::vector<T> inner() const {
-    return std::vector<T>(m_words.begin() + kGuard, m_words.begin() + kGuard + m_n);
-  }
+  T* data() { return words.data() + kGuard; }
+  std::vector<T> inner() const { return std::vector<T>(words.begin() + kGuard, words.end() - kGuard); }
   bool guardsIntact() const {
-    for (size_t i = 0; i < kGuard; ++i)
-      if (m_words[i] != m_guard || m_words[kGuard + m_n + i] != m_guard) return false;
-    return true;
+    const auto isGuard = [this](T w) { return w == guard; };
+    return std::all_of(words.begin(), words.begin() + kGuard, isGuard) &&
+           std::all_of(words.end() - kGuard, words.end(), isGuard);
   }
-
- private:
-  std::vector<T> m_words;
-  size_t m_n;
-  T m_guard;
 };
 
 // A dark disc on a light, slightly noisy background (opaque ARGB).
@@ -120,6 +114,7 @@ struct HistorySnapshot {
 };
 
 using Call = std::function<void(unsigned int* argb, unsigned char* mask)>;
+const Call kSegment = [](unsigned int* a, unsigned char* m) { EXPECT_EQ(processSegment(0, 0, 0, a, m), 0); };
 
 // The disc scene with its engine; the loop goes round the middle two thirds.
 struct Scene {
@@ -162,8 +157,8 @@ struct SweepRun {
 // fewer events than n; `prepare` sets the engine up before each run. Whatever
 // the moment, nothing is written outside the caller's buffers and no result
 // is left held; `check` judges the rest.
-inline void sweep(const std::string& what, const std::function<void(int)>& arm,
-                  const std::function<int()>& events, size_t pixels, const std::function<void()>& prepare,
+constexpr unsigned char kSweepFill = 0x44;
+inline void sweep(const std::string& what, interpose::Trap trap, const Scene& scene, const std::function<void()>& prepare,
                   const Call& call, const std::function<void(const SweepRun&)>& check,
                   const std::function<int(int)>& next = [](int n) { return n + 1; }) {
   for (int n = 1, runs = 0; runs < 1000; n = next(n), ++runs) {
@@ -172,13 +167,13 @@ inline void sweep(const std::string& what, const std::function<void(int)>& arm,
     resetSegmentationInterface();
     prepare();
     const HistorySnapshot before = HistorySnapshot::take();
-    Guarded<unsigned int> argb(pixels, 0x11111111u, 0xCAFEF00Du);
-    Guarded<unsigned char> mask(pixels, 0x44, 0x99);
+    Guarded<unsigned int> argb(scene.pixels(), 0x11111111u, 0xCAFEF00Du);
+    Guarded<unsigned char> mask(scene.pixels(), kSweepFill, 0x99);
     LogCapture log;
-    arm(n);
+    interpose::arm(trap, n);
     call(argb.data(), mask.data());
-    const int made = events();
-    arm(0);
+    const int made = interpose::events(trap);
+    interpose::arm(trap, 0);
     EXPECT_TRUE(argb.guardsIntact() && mask.guardsIntact());
     EXPECT_EQ(g_resultMask, nullptr);
     if (made < n) {

@@ -15,8 +15,7 @@ using namespace robustness;
 // `after` checks that the engine can do the call again.
 void allocSweep(const std::string& function, Scene& scene, const std::function<void()>& prepare,
                 const Call& call, const std::function<void()>& after) {
-  sweep(function, interpose::failCreateImageAt, interpose::createImageCalls, scene.pixels(), prepare,
-        call, [&](const SweepRun& run) {
+  sweep(function, interpose::kAlloc, scene, prepare, call, [&](const SweepRun& run) {
           EXPECT_EQ(run.log.countPrefix("Error", function + ": abandoned after OpenCV error"), 1)
               << run.log.dump();
           // The history keeps every mask it had; a failure after the new
@@ -30,7 +29,6 @@ void allocSweep(const std::string& function, Scene& scene, const std::function<v
         });
 }
 
-const Call kSegment = [](unsigned int* a, unsigned char* m) { EXPECT_EQ(processSegment(0, 0, 0, a, m), 0); };
 const Call kCutOut = [](unsigned int* a, unsigned char* m) { cutOutImage(0, 0, 0, a, m); };
 
 TEST_F(RobustnessTest, FailedAllocationInASegmentationIsAbandonedAndTheNextRuns) {

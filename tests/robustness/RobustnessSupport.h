@@ -88,10 +88,6 @@ inline void markLoop(int w, int h, int x1, int y1, int x2, int y2) {
   setMarkerImage(w, h, marks.data(), 0);
   setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
 }
-inline int loopEdit(int w, int h, int x1, int y1, int x2, int y2, unsigned int* argb, unsigned char* mask) {
-  markLoop(w, h, x1, y1, x2, y2);
-  return processSegment(0, 0, 0, argb, mask);
-}
 
 // The positions of the history and its newest mask (empty without one).
 struct HistorySnapshot {

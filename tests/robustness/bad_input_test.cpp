@@ -89,15 +89,12 @@ Call segment(int expected) {
 void cut(unsigned int* a, unsigned char* m) { cutOutImage(0, 0, 0, a, m); }
 
 TEST_F(BadInput, CallsOutOfOrderWithNullBuffersOrAfterTeardown) {
-  int* const m = marks.data();
-  int* const p = path.data();
-  unsigned int* const src = s.src.data();
   const char* const kGone = "MEMORY_CRASH : cutOutImage 197";
   run({
       {kNothing, "initSegmentationEngine", [](auto, auto) { initSegmentationEngine(0); }},
       {kNothing, "copySourceImage", [](auto a, auto) { copySourceImage(a); }},
-      {kNothing, "setMarkerImage", [=](auto, auto) { setMarkerImage(W, H, m, 0); }},
-      {kNothing, "setCurrentMarkerVector", [=](auto, auto) { setCurrentMarkerVector(4, p); }},
+      {kNothing, "setMarkerImage", [&](auto, auto) { setMarkerImage(W, H, marks.data(), 0); }},
+      {kNothing, "setCurrentMarkerVector", [&](auto, auto) { setCurrentMarkerVector(4, path.data()); }},
       {kNothing, kGone, cut},
       {kNothing, "undo", undo},
       {kSource, "processSegment", segment(-1)},
@@ -116,7 +113,7 @@ TEST_F(BadInput, CallsOutOfOrderWithNullBuffersOrAfterTeardown) {
       {kEngine, "setCurrentMarkerVector", [](auto, auto) { setCurrentMarkerVector(6, nullptr); }},
       {kMarked, "processSegment", [](auto, auto k) { segment(0)(nullptr, k); }},
       {kEngine, "undo", [](auto, auto k) { undo(nullptr, k); }},
-      {kEngine, "doSegmentationBB", [=](auto, auto) { doSegmentationBB(W, H, src, 1, 1, 5, 5, nullptr); }},
+      {kEngine, "doSegmentationBB", [&](auto, auto) { doSegmentationBB(W, H, s.src.data(), 1, 1, 5, 5, nullptr); }},
       // Teardown drops the source with the engine and the history; releasing
       // what is already gone is not an error.
       {kTornDown, "processSegment", segment(-1)},
@@ -135,11 +132,6 @@ TEST_F(BadInput, SizesCountsRectanglesAndPointsOutside) {
   std::unique_ptr<int[]> odd(new int[5]{7, 8, 200, 9, 60});  // exact block: no read past it
   std::vector<int> outside = {-3, 10, 150, 70, 5, 6};
   unsigned int* const t = tinyArgb.data();
-  int* const tm = tinyMarks.data();
-  int* const m = marks.data();
-  int* const p = path.data();
-  int* const o = odd.get();
-  int* const out = outside.data();
   const char* const kNoSource = "MEMORY_CRASH : setSourceImage 115";
   const auto bb = [&](int x1, int y1, int x2, int y2) -> Call {
     return [&, x1, y1, x2, y2](auto, auto m) {
@@ -152,14 +144,14 @@ TEST_F(BadInput, SizesCountsRectanglesAndPointsOutside) {
       {kEngine, "doSegmentationBB: rectangle (-4, 2)-(12, 15)", bb(-4, 2, 12, H + 3), 1, true},
       {kEngine, "doSegmentationBB", bb(W + 5, 2, W, 0)},  // inverted and outside
       {kNothing, kNoSource, [=](auto, auto) { setSourceImage(0, H, t); }},
-      {kEngine, "MEMORY_CRASH : setMarkerImage 1", [=](auto, auto) { setMarkerImage(0, H, tm, 0); }, 2},
+      {kEngine, "MEMORY_CRASH : setMarkerImage 1", [&](auto, auto) { setMarkerImage(0, H, tinyMarks.data(), 0); }, 2},
       {kSource, "setSourceImage", [=](auto, auto) { setSourceImage(100000, 100000, t); }},
       {kEngine, kNoSource, [=](auto, auto k) { doSegmentationBB(65536, 65536, t, 0, 0, 9, 9, k); }},
-      {kEngine, "setMarkerImage", [=](auto, auto) { setMarkerImage(W - 1, H, m, 0); }},
-      {kEngine, "setCurrentMarkerVector", [=](auto, auto) { setCurrentMarkerVector(-4, p); }},
-      {kEngine, "setCurrentMarkerVector", [=](auto, auto) { setCurrentMarkerVector(5, o); }},
+      {kEngine, "setMarkerImage", [&](auto, auto) { setMarkerImage(W - 1, H, marks.data(), 0); }},
+      {kEngine, "setCurrentMarkerVector", [&](auto, auto) { setCurrentMarkerVector(-4, path.data()); }},
+      {kEngine, "setCurrentMarkerVector", [&](auto, auto) { setCurrentMarkerVector(5, odd.get()); }},
       {kEngine, "setCurrentMarkerVector: 2 of 3 points clamped",
-       [=](auto, auto) { setCurrentMarkerVector(6, out); }},
+       [&](auto, auto) { setCurrentMarkerVector(6, outside.data()); }},
       {kEngine, "", [](auto, auto) { setCurrentMarkerVector(0, nullptr); }, 0},
       // A new source drops the marker image made for the old one.
       {kStale, "cutOutImage: no marker image", cut},
@@ -172,25 +164,22 @@ TEST_F(BadInput, SizesCountsRectanglesAndPointsOutside) {
 // The live-wire calls take OpenCV images from the caller; malformed ones are
 // refused with a line, and only a seed outside the image throws.
 TEST_F(BadInput, LiveWireImages) {
-  IplImage* image = cvCreateImage(cvSize(6, 5), IPL_DEPTH_8U, 3);
-  IplImage* labels = cvCreateImage(cvSize(6, 5), IPL_DEPTH_8U, 1);
-  IplImage* otherLabels = cvCreateImage(cvSize(5, 5), IPL_DEPTH_8U, 1);
-  IplImage* costMap = cvCreateImage(cvSize(6, 5), IPL_DEPTH_32F, 1);
-  IplImage* smallMap = cvCreateImage(cvSize(6, 4), IPL_DEPTH_32F, 1);
-  cvSet(image, cvScalar(10, 20, 30));
-  cvSet(labels, cvScalar(1));
+  cv::Mat image(5, 6, CV_8UC3, cv::Scalar(10, 20, 30)), labels(5, 6, CV_8U, cv::Scalar(1));
+  cv::Mat otherLabels(5, 5, CV_8U), costMap(5, 6, CV_32F), smallMap(4, 6, CV_32F);
+  IplImage im = cvIplImage(image), la = cvIplImage(labels), ol = cvIplImage(otherLabels);
+  IplImage cm = cvIplImage(costMap), sm = cvIplImage(smallMap);
   Node_ node;
   std::memset(&node, 0x5A, sizeof(node));
   const Node_ untouched = node;
   int unused = 0;
   int* array = &unused;
   const std::vector<std::pair<const char*, std::function<void()>>> refusals = {
-      {"find_parent_info", [&] { EXPECT_TRUE(find_parent_info(image, otherLabels, 0, 0, 0.5).empty()); }},
-      {"find_parent_info", [&] { EXPECT_TRUE(find_parent_info(image, labels, 0, 0, 0.5, smallMap).empty()); }},
-      {"find_weight", [&] { EXPECT_EQ(find_weight(image, 0, 0, 5, 6, 0.5), DBL_MAX); }},
+      {"find_parent_info", [&] { EXPECT_TRUE(find_parent_info(&im, &ol, 0, 0, 0.5).empty()); }},
+      {"find_parent_info", [&] { EXPECT_TRUE(find_parent_info(&im, &la, 0, 0, 0.5, &sm).empty()); }},
+      {"find_weight", [&] { EXPECT_EQ(find_weight(&im, 0, 0, 5, 6, 0.5), DBL_MAX); }},
       {"assign_index", [&] { assign_index(node, 65536, 65536, 0, 0, 0.0); }},
-      {"assign_weight", [&] { assign_weight(image, labels, node, -1, 2, 0.5); }},
-      {"assign_weight", [&] { assign_weight(image, otherLabels, node, 0, 0, 0.5); }},
+      {"assign_weight", [&] { assign_weight(&im, &la, node, -1, 2, 0.5); }},
+      {"assign_weight", [&] { assign_weight(&im, &ol, node, 0, 0, 0.5); }},
       {"fetch_path_array", [&] { EXPECT_EQ(fetch_path_array(&array, nullptr), nullptr); }},
   };
   for (const auto& refusal : refusals) {
@@ -205,10 +194,9 @@ TEST_F(BadInput, LiveWireImages) {
 
   LogCapture log;
   for (const auto& seed : {std::pair<int, int>{-1, 0}, {5, 0}, {0, 6}, {0, -1}})
-    EXPECT_THROW(find_parent_info(image, labels, seed.first, seed.second, 0.5, costMap), std::out_of_range);
+    EXPECT_THROW(find_parent_info(&im, &la, seed.first, seed.second, 0.5, &cm), std::out_of_range);
   EXPECT_TRUE(log.lines().empty()) << log.dump();
-  EXPECT_EQ(find_parent_info(image, labels, 2, 3, 0.5, costMap).size(), 30u);
-  for (IplImage** img : {&image, &labels, &otherLabels, &costMap, &smallMap}) cvReleaseImage(img);
+  EXPECT_EQ(find_parent_info(&im, &la, 2, 3, 0.5, &cm).size(), 30u);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // Shared pieces of the robustness tests: the test-controlled clock and
 // allocator (Interpose.cpp), guarded caller buffers, a synthetic scene, a
-// snapshot of the history, the sweep over trapped calls, and the fixture
-// that checks the process is left clean.
+// snapshot of the history, and the fixture that checks the process is left
+// clean.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -110,7 +110,6 @@ struct HistorySnapshot {
 };
 
 using Call = std::function<void(unsigned int* argb, unsigned char* mask)>;
-const Call kSegment = [](unsigned int* a, unsigned char* m) { EXPECT_EQ(processSegment(0, 0, 0, a, m), 0); };
 
 // The disc scene with its engine; the loop goes round the middle two thirds.
 struct Scene {
@@ -139,47 +138,6 @@ struct Scene {
     return mask;
   }
 };
-
-// One run of a sweep as `check` sees it.
-struct SweepRun {
-  const LogCapture& log;
-  const HistorySnapshot& before;
-  const Guarded<unsigned int>& argb;
-  const Guarded<unsigned char>& mask;
-};
-
-// Runs `call` with the n-th trapped event armed (an allocation that fails, a
-// clock reading that jumps) for n = 1, next(1), ... until the call makes
-// fewer events than n; `prepare` sets the engine up before each run. Whatever
-// the moment, nothing is written outside the caller's buffers and no result
-// is left held; `check` judges the rest.
-constexpr unsigned char kSweepFill = 0x44;
-inline void sweep(const std::string& what, interpose::Trap trap, const Scene& scene, const std::function<void()>& prepare,
-                  const Call& call, const std::function<void(const SweepRun&)>& check,
-                  const std::function<int(int)>& next = [](int n) { return n + 1; }) {
-  for (int n = 1, runs = 0; runs < 1000; n = next(n), ++runs) {
-    SCOPED_TRACE(what + ", event " + std::to_string(n));
-    deinitSegmentation();
-    resetSegmentationInterface();
-    prepare();
-    const HistorySnapshot before = HistorySnapshot::take();
-    Guarded<unsigned int> argb(scene.pixels(), 0x11111111u, 0xCAFEF00Du);
-    Guarded<unsigned char> mask(scene.pixels(), kSweepFill, 0x99);
-    LogCapture log;
-    interpose::arm(trap, n);
-    call(argb.data(), mask.data());
-    const int made = interpose::events(trap);
-    interpose::arm(trap, 0);
-    EXPECT_TRUE(argb.guardsIntact() && mask.guardsIntact());
-    EXPECT_EQ(g_resultMask, nullptr);
-    if (made < n) {
-      EXPECT_GT(n, 1) << "no event at all";
-      return;
-    }
-    check({log, before, argb, mask});
-  }
-  ADD_FAILURE() << "no end to the events";
-}
 
 // Every test ends with the engine torn down and no tracked buffer left:
 // whatever a test did, failed allocations and cancels included, the engine

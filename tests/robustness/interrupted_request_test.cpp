@@ -1,4 +1,7 @@
-// The 10-second budget of a segmentation and the cancel from another thread.
+// Requests that do not run to their end: an image allocation that fails, a
+// spent budget, a cancel from another thread. Interpose.cpp's cvCreateImage
+// throws, at a chosen call, the cv::Exception OpenCV throws when memory runs
+// out; its gettimeofday jumps past the 10-second budget at a chosen reading.
 #include <android/log.h>
 
 #include <opencv2/imgproc.hpp>
@@ -18,8 +21,113 @@ namespace {
 
 using namespace robustness;
 
+const Call kSegment = [](unsigned int* a, unsigned char* m) { EXPECT_EQ(processSegment(0, 0, 0, a, m), 0); };
+const Call kCutOut = [](unsigned int* a, unsigned char* m) { cutOutImage(0, 0, 0, a, m); };
+constexpr unsigned char kSweepFill = 0x44;
+
 int objectPixels(const std::vector<unsigned char>& mask) {
   return static_cast<int>(std::count(mask.begin(), mask.end(), 0));
+}
+
+using Check = std::function<void(const LogCapture& log, const HistorySnapshot& before,
+                                 const std::vector<unsigned int>& argb, const std::vector<unsigned char>& mask)>;
+
+// Runs `call` with the n-th event of the trap armed for n = 1, next(1), ...
+// until the call makes fewer events than n; `prepare` sets the engine up
+// before each run. Whatever the moment, nothing is written outside the
+// caller's buffers and no result is left held; `check` judges the rest.
+void sweep(const std::string& what, interpose::Trap trap, const Scene& scene, const std::function<void()>& prepare,
+           const Call& call, const Check& check, const std::function<int(int)>& next = [](int n) { return n + 1; }) {
+  for (int n = 1, runs = 0; runs < 1000; n = next(n), ++runs) {
+    SCOPED_TRACE(what + ", event " + std::to_string(n));
+    deinitSegmentation();
+    resetSegmentationInterface();
+    prepare();
+    const HistorySnapshot before = HistorySnapshot::take();
+    Guarded<unsigned int> argb(scene.pixels(), 0x11111111u, 0xCAFEF00Du);
+    Guarded<unsigned char> mask(scene.pixels(), kSweepFill, 0x99);
+    LogCapture log;
+    interpose::arm(trap, n);
+    call(argb.data(), mask.data());
+    const int made = interpose::events(trap);
+    interpose::arm(trap, 0);
+    EXPECT_TRUE(argb.guardsIntact() && mask.guardsIntact());
+    EXPECT_EQ(g_resultMask, nullptr);
+    if (made < n) {
+      EXPECT_GT(n, 1) << "no event at all";
+      return;
+    }
+    check(log, before, argb.inner(), mask.inner());
+  }
+  ADD_FAILURE() << "no end to the events";
+}
+
+// Every image allocation of a call fails in turn: the call returns normally
+// with one "abandoned" line, keeps every mask of the history, and `after`
+// finds the engine able to run the call again.
+void allocSweep(const std::string& function, Scene& scene, const std::function<void()>& prepare,
+                const Call& call, const std::function<void()>& after) {
+  sweep(function, interpose::kAlloc, scene, prepare, call, [&](const LogCapture& log, const HistorySnapshot& before, auto, auto) {
+    EXPECT_EQ(log.countPrefix("Error", function + ": abandoned after OpenCV error"), 1) << log.dump();
+    // A failure after the new mask went in may leave that one as the newest.
+    const HistorySnapshot now = HistorySnapshot::take();
+    if (!(now == before)) {
+      EXPECT_EQ(now.current, (before.current + 1) % 32);
+      EXPECT_EQ(now.bottom, before.bottom);
+    }
+    after();
+  });
+}
+
+TEST_F(RobustnessTest, FailedAllocationInASegmentationIsAbandonedAndTheNextRuns) {
+  // 120 x 90: the working image is the source. 300 x 260 (above 76800
+  // pixels): it is reduced, and the mask comes back through the
+  // full-resolution refinement.
+  for (const auto& size : {std::pair<int, int>{120, 90}, {300, 260}}) {
+    Scene s(size.first, size.second);
+    allocSweep("processSegment", s, [&] { s.start(), s.mark(); }, kSegment, [&] {
+      EXPECT_NE(pHybrid, nullptr);
+      EXPECT_EQ(g_cancelTimer, nullptr) << "the failed segmentation's timer is released";
+      EXPECT_FALSE(ZIRKSEMarker::m_exitApp);
+      const int32_t current = ZIRKSEManageUndoRedo::m_current;
+      s.mark();
+      s.expectMask(kSegment, true);
+      EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, (current + 1) % 32);
+    });
+  }
+}
+
+TEST_F(RobustnessTest, FailedAllocationInTheOtherCallsLeavesTheEngineUsable) {
+  Scene s(120, 90);
+  const auto setSource = [&] { setSourceImage(s.w, s.h, s.src.data()); };
+  const auto cutOutWorks = [&] { s.mark(), s.expectMask(kCutOut, false); };
+  allocSweep("setSourceImage", s, [] {}, [&](unsigned int*, unsigned char*) { setSource(); }, [&] {
+    EXPECT_EQ(ZIRKSEMarker::m_originalImage, nullptr);
+    setSource();
+    cutOutWorks();
+  });
+  allocSweep("initSegmentationEngine", s, setSource,
+             [](unsigned int*, unsigned char*) { initSegmentationEngine(0); }, [&] {
+               EXPECT_EQ(pHybrid, nullptr) << "no half-built engine";
+               initSegmentationEngine(0);
+               EXPECT_NE(pHybrid, nullptr);
+             });
+  allocSweep("setMarkerImage", s, [&] { s.start(); }, [&](unsigned int*, unsigned char*) { s.mark(); },
+             cutOutWorks);
+  allocSweep("cutOutImage", s, [&] { s.start(), s.mark(); }, kCutOut, cutOutWorks);
+  for (const auto& step : {std::make_pair("undo", &undo), std::make_pair("redo", &redo)}) {
+    const auto prepare = [&] {
+      s.start();
+      cutOutWorks();
+      if (step.second == &redo) s.expectMask(undo, false);
+    };
+    // The masks are all still there: stepping again shows one of them.
+    allocSweep(step.first, s, prepare, step.second, [&] { s.expectMask(step.second, false); });
+  }
+  const Call rectangle = [&](unsigned int*, unsigned char* m) {
+    doSegmentationBB(s.w, s.h, s.src.data(), 20, 15, 100, 75, m);
+  };
+  allocSweep("doSegmentationBB", s, [] {}, rectangle, [&] { s.expectMask(rectangle, true); });
 }
 
 // The two ways a request that may be stopped can end. Stopped, it shows the
@@ -60,8 +168,8 @@ TEST_F(RobustnessTest, BudgetSpentAtAnyClockReadingEndsTheRequestWithoutAMask) {
   const int readings = interpose::events(interpose::kClock);
   const Ends ends{s.src, first, HistorySnapshot::take(), reference};
   int stopped = 0;
-  const auto check = [&](const SweepRun& run) {
-    if (!ends.stopped(run.log, run.argb.inner(), run.mask.inner(), kSweepFill)) return;
+  const auto check = [&](const LogCapture& log, const HistorySnapshot&, auto& argb, auto& mask) {
+    if (!ends.stopped(log, argb, mask, kSweepFill)) return;
     ++stopped;
     ZIRKSEMarker::m_exitApp = false;  // a time-out raises the cancel, which stays until a reset
     s.mark();

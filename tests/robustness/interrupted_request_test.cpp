@@ -36,8 +36,9 @@ using Check = std::function<void(const LogCapture& log, const HistorySnapshot& b
 // until the call makes fewer events than n; `prepare` sets the engine up
 // before each run. Whatever the moment, nothing is written outside the
 // caller's buffers and no result is left held; `check` judges the rest.
-void sweep(const std::string& what, interpose::Trap trap, const Scene& scene, const std::function<void()>& prepare,
-           const Call& call, const Check& check, const std::function<int(int)>& next = [](int n) { return n + 1; }) {
+void sweep(const std::string& what, interpose::Trap trap, const Scene& scene,
+           const std::function<void()>& prepare, const Call& call, const Check& check,
+           const std::function<int(int)>& next = [](int n) { return n + 1; }) {
   for (int n = 1, runs = 0; runs < 1000; n = next(n), ++runs) {
     SCOPED_TRACE(what + ", event " + std::to_string(n));
     deinitSegmentation();
@@ -67,7 +68,7 @@ void sweep(const std::string& what, interpose::Trap trap, const Scene& scene, co
 // finds the engine able to run the call again.
 void allocSweep(const std::string& function, Scene& scene, const std::function<void()>& prepare,
                 const Call& call, const std::function<void()>& after) {
-  sweep(function, interpose::kAlloc, scene, prepare, call, [&](const LogCapture& log, const HistorySnapshot& before, auto, auto) {
+  sweep(function, interpose::kAlloc, scene, prepare, call, [&](const LogCapture& log, auto& before, auto&, auto&) {
     EXPECT_EQ(log.countPrefix("Error", function + ": abandoned after OpenCV error"), 1) << log.dump();
     // A failure after the new mask went in may leave that one as the newest.
     const HistorySnapshot now = HistorySnapshot::take();

@@ -12,19 +12,19 @@
 
 namespace {
 
-std::atomic<long> g_stepSeconds{0};
-std::atomic<long> g_offsetSeconds{0};
-std::atomic<int> g_failAt{0};
-std::atomic<int> g_calls{0};
+// Per trap: the event armed (0: none) and the events since the arming.
+std::atomic<int> g_at[2], g_events[2];
+
+// The number of this event when the trap is armed, else 0.
+int event(interpose::Trap trap) { return g_at[trap].load() > 0 ? g_events[trap].fetch_add(1) + 1 : 0; }
 
 }  // namespace
 
-// The real clock plus an offset that grows by the step at every reading.
 extern "C" int gettimeofday(struct timeval* tv, void*) {
-  const long offset = g_offsetSeconds.fetch_add(g_stepSeconds.load()) + g_stepSeconds.load();
+  const int n = event(interpose::kClock);
   struct timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
-  tv->tv_sec = now.tv_sec + offset;
+  tv->tv_sec = now.tv_sec + (n > 0 && n >= g_at[interpose::kClock].load() ? 20 : 0);
   tv->tv_usec = now.tv_nsec / 1000;
   return 0;
 }
@@ -33,26 +33,19 @@ extern "C" int gettimeofday(struct timeval* tv, void*) {
 extern "C" IplImage* cvCreateImage(CvSize size, int depth, int channels) {
   using CreateImageFn = IplImage* (*)(CvSize, int, int);
   static const auto real = reinterpret_cast<CreateImageFn>(dlsym(RTLD_NEXT, "cvCreateImage"));
-  if (g_calls.fetch_add(1) + 1 == g_failAt.load()) {
-    cv::error(cv::Error::StsNoMem, "Failed to allocate (injected)", "cvCreateImage", __FILE__,
-              __LINE__);
-  }
+  const int n = event(interpose::kAlloc);
+  if (n > 0 && n == g_at[interpose::kAlloc].load())
+    cv::error(cv::Error::StsNoMem, "Failed to allocate (injected)", "cvCreateImage", __FILE__, __LINE__);
   return real(size, depth, channels);
 }
 
 namespace interpose {
 
-void setClockStep(long seconds) { g_stepSeconds = seconds; }
-void failCreateImageAt(int n) {
-  g_calls = 0;
-  g_failAt = n;
+void arm(Trap trap, int n) {
+  g_events[trap] = 0;
+  g_at[trap] = n;
 }
-int createImageCalls() { return g_calls.load(); }
-void reset() {
-  g_stepSeconds = 0;
-  g_offsetSeconds = 0;
-  g_failAt = 0;
-  g_calls = 0;
-}
+int events(Trap trap) { return g_events[trap].load(); }
+void reset() { arm(kClock, 0), arm(kAlloc, 0); }
 
 }  // namespace interpose

@@ -1,12 +1,16 @@
-// Shared pieces of the robustness suites: the test-controlled clock and
-// allocator (Interpose.cpp), caller buffers with guard words, a synthetic
-// scene, a snapshot of the history, and the fixture that leaves the process clean.
+// Shared pieces of the robustness tests: the test-controlled clock and
+// allocator (Interpose.cpp), guarded caller buffers, a synthetic scene, a
+// snapshot of the history, and the fixture that checks the process is left
+// clean.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "common/LogCapture.h"
@@ -19,46 +23,37 @@
 
 // This program defines gettimeofday and cvCreateImage itself; the engine is
 // linked in statically, so these replace the system's for the whole program.
-// Everything is off until a test turns it on.
+// Both behave normally until a test arms them.
 namespace interpose {
-// Every gettimeofday reading from now on advances the clock by this many
-// extra seconds (0: the real clock again, offset kept).
-void setClockStep(long seconds);
-// The n-th cvCreateImage call from now on (1 = the next one) throws the
-// cv::Exception of a failed allocation; 0 disarms.
-void failCreateImageAt(int n);
-// cvCreateImage calls since the last failCreateImageAt or reset.
-int createImageCalls();
-// Everything off, clock offset back to zero.
+enum Trap { kClock, kAlloc };
+// Arms the trap at the n-th event from now on (1 = the next; 0 disarms): from
+// the n-th gettimeofday reading on, the clock is 20 s ahead (past the
+// budget); the n-th cvCreateImage throws the cv::Exception of a failed
+// allocation.
+void arm(Trap trap, int n);
+// The events since the trap was last armed.
+int events(Trap trap);
 void reset();
 }  // namespace interpose
 
 namespace robustness {
 
-// A caller buffer of n elements between two runs of guard words: the engine
-// may write the n elements and nothing else.
+// A caller buffer of n elements between two runs of guard words.
 template <typename T>
-class Guarded {
- public:
+struct Guarded {
   static constexpr size_t kGuard = 64;
-  Guarded(size_t n, T fill, T guard) : m_words(n + 2 * kGuard, guard), m_n(n), m_guard(guard) {
-    for (size_t i = 0; i < n; ++i) m_words[kGuard + i] = fill;
+  std::vector<T> words;
+  T guard;
+  Guarded(size_t n, T fill, T guard) : words(n + 2 * kGuard, fill), guard(guard) {
+    for (size_t i = 0; i < kGuard; ++i) words[i] = words[words.size() - 1 - i] = guard;
   }
-  T* data() { return m_words.data() + kGuard; }
-  std::vector<T> inner() const {
-    return std::vector<T>(m_words.begin() + kGuard, m_words.begin() + kGuard + m_n);
-  }
+  T* data() { return words.data() + kGuard; }
+  std::vector<T> inner() const { return std::vector<T>(words.begin() + kGuard, words.end() - kGuard); }
   bool guardsIntact() const {
-    for (size_t i = 0; i < kGuard; ++i) {
-      if (m_words[i] != m_guard || m_words[kGuard + m_n + i] != m_guard) return false;
-    }
-    return true;
+    const auto isGuard = [this](T w) { return w == guard; };
+    return std::all_of(words.begin(), words.begin() + kGuard, isGuard) &&
+           std::all_of(words.end() - kGuard, words.end(), isGuard);
   }
-
- private:
-  std::vector<T> m_words;
-  size_t m_n;
-  T m_guard;
 };
 
 // A dark disc on a light, slightly noisy background (opaque ARGB).
@@ -111,6 +106,36 @@ struct HistorySnapshot {
   }
   bool operator==(const HistorySnapshot& o) const {
     return current == o.current && top == o.top && bottom == o.bottom && newest == o.newest;
+  }
+};
+
+using Call = std::function<void(unsigned int* argb, unsigned char* mask)>;
+
+// The disc scene with its engine; the loop goes round the middle two thirds.
+struct Scene {
+  int w, h;
+  std::vector<unsigned int> src;
+
+  Scene(int w, int h) : w(w), h(h), src(discScene(w, h)) {}
+  size_t pixels() const { return src.size(); }
+  // Source, engine, and a first mask in the history: a patch in the corner,
+  // outside the loop, marked directly.
+  void start() {
+    setSourceImage(w, h, src.data());
+    initSegmentationEngine(0);
+    std::vector<int> patch = boxMarks(w, h, 1, 1, w / 8 + 1, h / 8 + 1, 2);
+    setMarkerImage(w, h, patch.data(), 0);
+    cutOutImage(0, 0, 0, nullptr, std::vector<unsigned char>(pixels()).data());
+  }
+  void mark() { markLoop(w, h, w / 6, h / 6, 5 * w / 6, 5 * h / 6); }
+  // Runs a call that must write every pixel of the mask; returns the mask.
+  std::vector<unsigned char> expectMask(const Call& call, bool object) {
+    std::vector<unsigned int> argb(pixels());
+    std::vector<unsigned char> mask(pixels(), 7);
+    call(argb.data(), mask.data());
+    EXPECT_EQ(std::count(mask.begin(), mask.end(), 7), 0);
+    EXPECT_TRUE(!object || std::count(mask.begin(), mask.end(), 0) > 0) << "no object";
+    return mask;
   }
 };
 

@@ -1,0 +1,288 @@
+// Requests that do not run to their end: an image allocation that fails, a
+// spent budget, a cancel from another thread. Interpose.cpp's cvCreateImage
+// throws, at a chosen call, the cv::Exception OpenCV throws when memory runs
+// out; its gettimeofday jumps past the 10-second budget at a chosen reading.
+#include <android/log.h>
+
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <thread>
+
+#include "common/PhotoSet.h"
+#include "robustness/RobustnessSupport.h"
+
+namespace {
+
+using namespace robustness;
+
+const Call kSegment = [](unsigned int* a, unsigned char* m) { EXPECT_EQ(processSegment(0, 0, 0, a, m), 0); };
+const Call kCutOut = [](unsigned int* a, unsigned char* m) { cutOutImage(0, 0, 0, a, m); };
+constexpr unsigned char kSweepFill = 0x44;
+
+int objectPixels(const std::vector<unsigned char>& mask) {
+  return static_cast<int>(std::count(mask.begin(), mask.end(), 0));
+}
+
+using Check = std::function<void(const LogCapture& log, const HistorySnapshot& before,
+                                 const std::vector<unsigned int>& argb, const std::vector<unsigned char>& mask)>;
+
+// Runs `call` with the n-th event of the trap armed for n = 1, next(1), ...
+// until the call makes fewer events than n; `prepare` sets the engine up
+// before each run. Whatever the moment, nothing is written outside the
+// caller's buffers and no result is left held; `check` judges the rest.
+void sweep(const std::string& what, interpose::Trap trap, const Scene& scene,
+           const std::function<void()>& prepare, const Call& call, const Check& check,
+           const std::function<int(int)>& next = [](int n) { return n + 1; }) {
+  for (int n = 1, runs = 0; runs < 1000; n = next(n), ++runs) {
+    SCOPED_TRACE(what + ", event " + std::to_string(n));
+    deinitSegmentation();
+    resetSegmentationInterface();
+    prepare();
+    const HistorySnapshot before = HistorySnapshot::take();
+    Guarded<unsigned int> argb(scene.pixels(), 0x11111111u, 0xCAFEF00Du);
+    Guarded<unsigned char> mask(scene.pixels(), kSweepFill, 0x99);
+    LogCapture log;
+    interpose::arm(trap, n);
+    call(argb.data(), mask.data());
+    const int made = interpose::events(trap);
+    interpose::arm(trap, 0);
+    EXPECT_TRUE(argb.guardsIntact() && mask.guardsIntact());
+    EXPECT_EQ(g_resultMask, nullptr);
+    if (made < n) {
+      EXPECT_GT(n, 1) << "no event at all";
+      return;
+    }
+    check(log, before, argb.inner(), mask.inner());
+  }
+  ADD_FAILURE() << "no end to the events";
+}
+
+// Every image allocation of a call fails in turn: the call returns normally
+// with one "abandoned" line, keeps every mask of the history, and `after`
+// finds the engine able to run the call again.
+void allocSweep(const std::string& function, Scene& scene, const std::function<void()>& prepare,
+                const Call& call, const std::function<void()>& after) {
+  sweep(function, interpose::kAlloc, scene, prepare, call, [&](const LogCapture& log, auto& before, auto&, auto&) {
+    EXPECT_EQ(log.countPrefix("Error", function + ": abandoned after OpenCV error"), 1) << log.dump();
+    // A failure after the new mask went in may leave that one as the newest.
+    const HistorySnapshot now = HistorySnapshot::take();
+    if (!(now == before)) {
+      EXPECT_EQ(now.current, (before.current + 1) % 32);
+      EXPECT_EQ(now.bottom, before.bottom);
+    }
+    after();
+  });
+}
+
+TEST_F(RobustnessTest, FailedAllocationInASegmentationIsAbandonedAndTheNextRuns) {
+  // 120 x 90: the working image is the source. 300 x 260 (above 76800
+  // pixels): it is reduced, and the mask comes back through the
+  // full-resolution refinement.
+  for (const auto& size : {std::pair<int, int>{120, 90}, {300, 260}}) {
+    Scene s(size.first, size.second);
+    allocSweep("processSegment", s, [&] { s.start(), s.mark(); }, kSegment, [&] {
+      EXPECT_NE(pHybrid, nullptr);
+      EXPECT_EQ(g_cancelTimer, nullptr) << "the failed segmentation's timer is released";
+      EXPECT_FALSE(ZIRKSEMarker::m_exitApp);
+      const int32_t current = ZIRKSEManageUndoRedo::m_current;
+      s.mark();
+      s.expectMask(kSegment, true);
+      EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, (current + 1) % 32);
+    });
+  }
+}
+
+TEST_F(RobustnessTest, FailedAllocationInTheOtherCallsLeavesTheEngineUsable) {
+  Scene s(120, 90);
+  const auto setSource = [&] { setSourceImage(s.w, s.h, s.src.data()); };
+  const auto cutOutWorks = [&] { s.mark(), s.expectMask(kCutOut, false); };
+  allocSweep("setSourceImage", s, [] {}, [&](unsigned int*, unsigned char*) { setSource(); }, [&] {
+    EXPECT_EQ(ZIRKSEMarker::m_originalImage, nullptr);
+    setSource();
+    cutOutWorks();
+  });
+  allocSweep("initSegmentationEngine", s, setSource,
+             [](unsigned int*, unsigned char*) { initSegmentationEngine(0); }, [&] {
+               EXPECT_EQ(pHybrid, nullptr) << "no half-built engine";
+               initSegmentationEngine(0);
+               EXPECT_NE(pHybrid, nullptr);
+             });
+  allocSweep("setMarkerImage", s, [&] { s.start(); }, [&](unsigned int*, unsigned char*) { s.mark(); },
+             cutOutWorks);
+  allocSweep("cutOutImage", s, [&] { s.start(), s.mark(); }, kCutOut, cutOutWorks);
+  for (const auto& step : {std::make_pair("undo", &undo), std::make_pair("redo", &redo)}) {
+    const auto prepare = [&] {
+      s.start();
+      cutOutWorks();
+      if (step.second == &redo) s.expectMask(undo, false);
+    };
+    // The masks are all still there: stepping again shows one of them.
+    allocSweep(step.first, s, prepare, step.second, [&] { s.expectMask(step.second, false); });
+  }
+  const Call rectangle = [&](unsigned int*, unsigned char* m) {
+    doSegmentationBB(s.w, s.h, s.src.data(), 20, 15, 100, 75, m);
+  };
+  allocSweep("doSegmentationBB", s, [] {}, rectangle, [&] { s.expectMask(rectangle, true); });
+}
+
+// The two ways a request that may be stopped can end. Stopped, it shows the
+// plain source with one time-out line and leaves the mask buffer (all
+// `fill`) and the history (`first`) alone; otherwise it gives the reference
+// mask, which is then the newest in the history (`done`).
+struct Ends {
+  const std::vector<unsigned int>& src;
+  HistorySnapshot first, done;
+  std::vector<unsigned char> reference;
+
+  bool stopped(const LogCapture& log, const std::vector<unsigned int>& argb,
+               const std::vector<unsigned char>& mask, unsigned char fill) const {
+    const bool stopped = std::count(mask.begin(), mask.end(), fill) == static_cast<long>(mask.size());
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "Error", "Segmentation canceled due to timeout"), stopped ? 1 : 0)
+        << log.dump();
+    EXPECT_TRUE(stopped ? argb == src : mask == reference)
+        << (stopped ? "the plain (opaque) source is shown" : "an unstopped request gives the reference mask");
+    EXPECT_TRUE(HistorySnapshot::take() == (stopped ? first : done));
+    EXPECT_EQ(g_cancelTimer, nullptr);
+    return stopped;
+  }
+};
+
+// The budget without waiting: the clock jumps past it at the n-th reading of
+// a request, for readings spread over the request and each of its last ones
+// (the clean-up). The request ends stopped, and then the next one runs as if
+// it never happened, or, when the jump comes after its last check, as an
+// unhurried run. The first mask's patch lies outside the loop, so a mask that
+// skipped part of the clean-up differs from the reference.
+TEST_F(RobustnessTest, BudgetSpentAtAnyClockReadingEndsTheRequestWithoutAMask) {
+  Scene s(64, 48);
+  const auto prepare = [&] { s.start(), s.mark(); };
+  prepare();
+  const HistorySnapshot first = HistorySnapshot::take();
+  interpose::arm(interpose::kClock, 1 << 30);
+  std::vector<unsigned char> reference = s.expectMask(kSegment, true);
+  const int readings = interpose::events(interpose::kClock);
+  const Ends ends{s.src, first, HistorySnapshot::take(), reference};
+  int stopped = 0;
+  const auto check = [&](const LogCapture& log, const HistorySnapshot&, auto& argb, auto& mask) {
+    if (!ends.stopped(log, argb, mask, kSweepFill)) return;
+    ++stopped;
+    ZIRKSEMarker::m_exitApp = false;  // a time-out raises the cancel, which stays until a reset
+    s.mark();
+    EXPECT_TRUE(s.expectMask(kSegment, true) == reference);
+  };
+  sweep("budget", interpose::kClock, s, prepare, kSegment, check,
+        [&](int n) { return n < readings - 16 ? n + readings / 24 : n + 1; });
+  EXPECT_GT(stopped, 16);
+}
+
+// Cancels from a second thread at random moments of a whole request on a
+// photo reduced to 480 x 360 (so the full-resolution refinement runs), from
+// the label image to the clean-up: whatever the moment, the request ends
+// stopped or with exactly the mask of an uncancelled run. Under
+// ThreadSanitizer it is the data-race check of the cancel.
+TEST_F(RobustnessTest, CancelAtRandomMomentsNeverRecordsAWrongMask) {
+  if (!photoSetAvailable()) GTEST_SKIP() << "photo set not available";
+  // A photo whose box cuts quickly, so that the refinement is a good share of the request.
+  const Photo photo = loadPhoto("flower");
+  const int w = 480, h = 360, sw = photo.image.cols, sh = photo.image.rows;
+  cv::Mat small;
+  cv::resize(photo.image, small, cv::Size(w, h), 0, 0, cv::INTER_AREA);
+  std::vector<unsigned int> src = toArgb(small), argb(src.size());
+  const int x1 = photo.x1 * w / sw, y1 = photo.y1 * h / sh, x2 = photo.x2 * w / sw, y2 = photo.y2 * h / sh;
+  const int cx = (x1 + x2) / 2, cy = (y1 + y2) / 2;
+  std::vector<int> firstMarks = boxMarks(w, h, cx - 5, cy - 5, cx + 5, cy + 5, 2);
+  // A fresh edit sequence holding a first mask; the cancel is lowered.
+  const auto restart = [&] {
+    resetSegmentationInterface();
+    setMarkerImage(w, h, firstMarks.data(), 0);
+    cutOutImage(0, 0, 0, nullptr, std::vector<unsigned char>(src.size()).data());
+  };
+  const auto edit = [&](std::vector<unsigned char>& mask) {
+    std::fill(argb.begin(), argb.end(), 0x01020304u);
+    markLoop(w, h, x1, y1, x2, y2);
+    EXPECT_EQ(processSegment(0, 0, 0, argb.data(), mask.data()), 0);
+  };
+  setSourceImage(w, h, src.data());
+  initSegmentationEngine(0);
+  restart();
+  const HistorySnapshot first = HistorySnapshot::take();
+  std::vector<unsigned char> reference(src.size(), 7);
+  const auto t0 = std::chrono::steady_clock::now();
+  edit(reference);
+  const std::chrono::duration<double, std::milli> requestMs = std::chrono::steady_clock::now() - t0;
+  ASSERT_GT(objectPixels(reference), 0);
+  const Ends ends{src, first, HistorySnapshot::take(), reference};
+  ASSERT_EQ(ends.done.current, (first.current + 1) % 32);
+
+  // Moments spread over 1.2 times the request (the last ones often come
+  // after its end), each at a random point of its stretch.
+  const int runs = 12;
+  std::mt19937 rng(15);
+  std::uniform_real_distribution<double> within(0.0, 1.0);
+  int cancelled = 0;
+  for (int k = 0; k < runs; ++k) {
+    restart();
+    ASSERT_TRUE(HistorySnapshot::take() == first);
+    const std::chrono::microseconds delay(static_cast<long>(1200.0 * requestMs.count() * (k + within(rng)) / runs));
+    SCOPED_TRACE("cancel after " + std::to_string(delay.count()) + " us");
+    std::vector<unsigned char> mask(src.size(), 123);
+    std::atomic<bool> go{false};
+    std::thread canceller([&] {
+      while (!go.load()) std::this_thread::yield();
+      std::this_thread::sleep_for(delay);
+      cancelSegmentation();
+    });
+    LogCapture log;
+    go = true;
+    edit(mask);
+    canceller.join();
+    cancelled += ends.stopped(log, argb, mask, 123);
+  }
+  std::printf("%d of %d requests cancelled; request %.0f ms\n", cancelled, runs, requestMs.count());
+  EXPECT_GT(cancelled, 0);
+}
+
+// The cancel stays raised until a reset or a new engine: every request in
+// between ends without a mask, and an exit asked for after a cancelled
+// request still tears the engine down at the end of the next one.
+TEST_F(RobustnessTest, CancelStaysRaisedUntilResetOrANewEngine) {
+  Scene s(120, 90);
+  s.start();
+  const HistorySnapshot first = HistorySnapshot::take();
+  std::vector<unsigned int> argb(s.pixels());
+  std::vector<unsigned char> mask(s.pixels());
+  // The request's result and whether it found an object.
+  const auto edit = [&](int result = 0) {
+    std::fill(mask.begin(), mask.end(), 9);
+    s.mark();
+    EXPECT_EQ(processSegment(0, 0, 0, argb.data(), mask.data()), result);
+    return objectPixels(mask) > 0;
+  };
+  cancelSegmentation();
+  EXPECT_FALSE(edit() || edit());
+  EXPECT_TRUE(HistorySnapshot::take() == first);
+  resetSegmentationInterface();  // lowers the cancel
+  EXPECT_TRUE(edit());
+  cancelSegmentation();  // a new engine lowers it as well
+  initSegmentationEngine(0);
+  EXPECT_TRUE(edit());
+  cancelSegmentation();
+  EXPECT_FALSE(edit());
+  exitSegmentation();
+  EXPECT_FALSE(edit(-1));
+  EXPECT_EQ(pHybrid, nullptr);
+  // doSegmentationBB re-creates the engine: a cancel made before it is gone.
+  cancelSegmentation();
+  std::fill(mask.begin(), mask.end(), 9);
+  EXPECT_EQ(doSegmentationBB(s.w, s.h, s.src.data(), 20, 15, 100, 75, mask.data()), 0);
+  EXPECT_GT(objectPixels(mask), 0);
+  EXPECT_FALSE(ZIRKSEMarker::m_exitApp);
+}
+
+}  // namespace

@@ -87,6 +87,25 @@ TEST_F(PipelineAnalysis, PreProcessTightensAroundStructureOnly) {
   EXPECT_EQ(differ(ZIRKSEMarker::m_labelImage, want), 0);
 }
 
+// A faint 128/129 checkerboard beside a wide, flat object of strong texture:
+// its gradient is 0, so it is no structure, but its step from column to
+// column is 1 in every row, a moderate mean over the box's rows, so the box
+// grows back over all of it sideways.
+TEST_F(PipelineAnalysis, PreProcessGrowsBackOverFaintGround) {
+  setWorkingImage(filledImage(120, 90, 3, 128));
+  ZIRKSEMarker::m_labelImage = filledImage(120, 90, 1, 4);
+  setBox(5, 5, 110, 80);
+  cv::Mat grey(90, 120, CV_8U, cv::Scalar(128));
+  for (int y = 40; y < 52; ++y)
+    for (int x = 15 + y % 2; x < 105; x += 2) grey.at<uint8_t>(y, x) = 129;
+  cv::RNG(5).fill(grey(cv::Rect(45, 40, 30, 12)), cv::RNG::UNIFORM, 0, 256);
+  cv::Mat channels[] = {grey, grey, grey};
+  cv::merge(channels, 3, segtest::view(ZIRKSEMarker::m_srcImage));
+  hybrid->preProcess();
+  const cv::Rect b = box();
+  EXPECT_TRUE(b.x <= 15 && b.br().x >= 105) << b;
+}
+
 // The choice of the smoothness weight among the three trials, and the final
 // edge check of homogenous images. Trials are built by hand: a crop of flat
 // grey 128 in which each trial's object is painted either as a flat bright

@@ -806,38 +806,47 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
   if (ZIRKSEMarker::m_exitApp || g->m_activeFirst == nullptr) return g->maxFlowSerialCall();
 
   // 1. Hold back the links between parts: those of each part's first row
-  // to the row above.
+  // to the row above, kept per seam.
   struct Held {
     int32_t arc;
     float cap;
   };
-  std::vector<Held> held;
+  std::vector<std::vector<Held>> held(count - 1);
   float* const arcs = g->m_arcs;
   for (size_t i = 1; i < count; ++i) {
     for (int32_t p = parts[i]; p < seams[i - 1]; ++p) {
       for (int32_t k = 2; k < 8; ++k) {
         const int32_t a = 8 * p + k;
         if (arcs[a] == kAbsentArc) continue;
-        held.push_back(Held{a, arcs[a]});
+        held[i - 1].push_back(Held{a, arcs[a]});
         arcs[a] = kAbsentArc;  // no part looks across, not even at the other side's nodes
       }
     }
   }
 
-  // 2. Each part solves on its own thread, over its own queues; they share
-  // the arrays but touch disjoint nodes.
+  // 2. Rounds: each group of parts solves on its own thread, over its own
+  // queues; groups share the arrays but touch disjoint nodes. After a round,
+  // neighbouring groups are joined in pairs: the links of the seam between
+  // them come back, their ends scan again, and the joined group solves on
+  // from the flows and trees of both. The last round is the whole graph, so
+  // the flow is maximal; the seams' work is spread over parallel rounds
+  // instead of left to one serial solve.
   // A view borrows the arrays; it leaves them alone when it goes.
-  std::vector<std::unique_ptr<ZIRKSEGraph>> owned;
-  std::vector<ZIRKSEGraph*> views;
-  for (size_t i = 0; i < count; ++i) {
-    owned.emplace_back(new ZIRKSEGraph(g, 0, 0, 0, 0));
-    ZIRKSEGraph* v = owned.back().get();
+  auto makeView = [g](int32_t time) {
+    std::unique_ptr<ZIRKSEGraph> v(new ZIRKSEGraph(g, 0, 0, 0, 0));
     v->m_bandUp = g->m_bandUp;
     v->m_bandDown = g->m_bandDown;
     v->m_stamp = g->m_stamp;
     v->m_dist = g->m_dist;
     v->m_flow = 0.0f;
-    views.push_back(v);
+    v->m_time = time;
+    return v;
+  };
+  std::vector<size_t> first(count);  // first part of each group
+  std::vector<std::unique_ptr<ZIRKSEGraph>> views;
+  for (size_t i = 0; i < count; ++i) {
+    first[i] = i;
+    views.push_back(makeView(g->m_time));
   }
   // The whole graph's queue, handed out by range.
   for (nodes* n = g->GetTopActiveQueueNode(); n != nullptr; n = g->GetTopActiveQueueNode()) {
@@ -847,35 +856,52 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
     n->next = nullptr;
     views[part]->AddToActiveQueue(n);
   }
-  // A part whose thread can not be started solves on this thread.
-  std::vector<std::thread> threads;
-  std::vector<ZIRKSEGraph*> here{views[0]};
-  for (size_t i = 1; i < count; ++i) {
-    try {
-      threads.emplace_back([v = views[i]] { v->maxFlowSerialCall(); });
-    } catch (const std::system_error&) {
-      here.push_back(views[i]);
+  for (;;) {
+    // A group whose thread can not be started solves on this thread.
+    std::vector<std::thread> threads;
+    std::vector<ZIRKSEGraph*> here{views[0].get()};
+    for (size_t i = 1; i < views.size(); ++i) {
+      try {
+        threads.emplace_back([v = views[i].get()] { v->maxFlowSerialCall(); });
+      } catch (const std::system_error&) {
+        here.push_back(views[i].get());
+      }
     }
-  }
-  for (ZIRKSEGraph* v : here) v->maxFlowSerialCall();
-  for (std::thread& t : threads) t.join();
+    for (ZIRKSEGraph* v : here) v->maxFlowSerialCall();
+    for (std::thread& t : threads) t.join();
 
-  // 3. The links come back; their ends scan again, and the whole graph is
-  // solved on from the parts' flows and trees.
-  int32_t latest = 0;
-  for (ZIRKSEGraph* v : views) {
-    g->m_flow += v->m_flow;
-    latest = std::max(latest, v->m_time);
+    int32_t latest = g->m_time;
+    for (const auto& v : views) {
+      g->m_flow += v->m_flow;
+      latest = std::max(latest, v->m_time);
+    }
+    g->m_time = latest;
+    if (views.size() == 1 || ZIRKSEMarker::m_exitApp) break;
+
+    // Groups 2j and 2j + 1 join; the seam before group 2j + 1 comes back.
+    std::vector<size_t> joinedFirst;
+    std::vector<std::unique_ptr<ZIRKSEGraph>> joined;
+    for (size_t j = 0; j < views.size(); j += 2) {
+      joinedFirst.push_back(first[j]);
+      joined.push_back(makeView(latest));
+      if (j + 1 == views.size()) continue;
+      ZIRKSEGraph* v = joined.back().get();
+      for (const Held& h : held[first[j + 1] - 1]) {
+        arcs[h.arc] = h.cap;
+        const int32_t p = h.arc >> 3;
+        v->AddToActiveQueue(g->m_nodes + p);
+        const int32_t k = h.arc & 7;
+        v->AddToActiveQueue(g->m_nodes + g->m_bandUp[p] + (k >> 1) - 2);
+      }
+    }
+    first.swap(joinedFirst);
+    views.swap(joined);
   }
-  g->m_time = latest;
-  for (const Held& h : held) {
-    arcs[h.arc] = h.cap;
-    const int32_t p = h.arc >> 3;
-    g->AddToActiveQueue(g->m_nodes + p);
-    const int32_t k = h.arc & 7;
-    g->AddToActiveQueue(g->m_nodes + g->m_bandUp[p] + (k >> 1) - 2);
+  // A cancelled solve leaves seams held: they come back all the same.
+  for (const std::vector<Held>& seam : held) {
+    for (const Held& h : seam) arcs[h.arc] = h.cap;
   }
-  return g->maxFlowSerialCall();
+  return g->m_flow;
 }
 
 void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const float* links,

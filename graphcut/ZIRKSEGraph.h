@@ -157,9 +157,11 @@ class SEGCORE_EXPORT ZIRKSEGraph {
 // Solves a band graph (m_bandUp set) in parts that run on their own threads:
 // parts[i] .. parts[i + 1] are node ranges that begin at a row, and
 // seams[i] is the end of the first row of part i + 1. The links between
-// parts are held back while the parts solve, then given back, and the whole
-// graph is solved from there: the same maximum flow and the same cut as a
-// serial solve, with most of the work done in parallel. Returns the flow.
+// parts are held back while the parts solve; then neighbouring groups of
+// parts join in pairs, round by round, each join getting its seam's links
+// back and solving on from there, until one group is the whole graph: the
+// same maximum flow and the same cut as a serial solve, with most of the
+// work, the seams' included, done in parallel. Returns the flow.
 float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
                             const std::vector<int32_t>& seams);
 

@@ -49,6 +49,10 @@ namespace {
 constexpr int32_t kNoNeighbour = -2;
 // Chain length of a candidate whose chain ends in an orphan or a free node.
 constexpr int32_t kInfiniteDistance = 2147483647;
+// Bulk routing of band graphs: at most this many waves, ending early when a
+// wave cancels less than this share of what the first one did.
+constexpr int kMaxWaves = 64;
+constexpr double kWaveStop = 0.02;
 // Arc offsets from 8p of the up-left, up, up-right and right entries.
 constexpr int32_t kUpperSteps[4] = {2, 4, 6, 9};
 // The time budget of one segmentation, in milliseconds.
@@ -646,6 +650,81 @@ struct Solver {
     }
   }
 
+  // Waves of bulk routing before the trees grow, over nodes lo..hi - 1
+  // (no arc leads out of them). Each wave labels every node with its
+  // distance to the nearest node of sink capacity along arcs with residual
+  // capacity, then hands source capacity downhill, farthest nodes first: a
+  // node passes what it holds along its arcs to neighbours one step nearer,
+  // where it cancels against sink capacity or moves on. Moving source
+  // capacity from p to q along an arc p -> q changes no cut's value (p's
+  // loss and the arc's loss are q's gain, on whichever sides p and q fall),
+  // so the minimum cuts stay those of the graph as filled, while flow that
+  // many long augmenting paths would carry in small amounts moves in bulk.
+  // The waves stop when one cancels little. stamp and dist serve as queue
+  // and labels; the trees are started afterwards, which resets both.
+  void routeExcess(int32_t lo, int32_t hi) {
+    float* const arcs = g.m_arcs;
+    nodes* const base = g.m_nodes;
+    int32_t* const queue = g.m_stamp + lo;
+    int32_t* const dist = g.m_dist;
+    int32_t list[8];
+    double firstWave = -1.0;
+    for (int wave = 0; wave < kMaxWaves && !ZIRKSEMarker::m_exitApp; ++wave) {
+      // 1. Distances, breadth first from every node of sink capacity.
+      int32_t tail = 0;
+      for (int32_t i = lo; i < hi; ++i) {
+        dist[i] = kInfiniteDistance;
+        if (base[i].tr_cap < 0.0f) {
+          dist[i] = 0;
+          queue[tail++] = i;
+        }
+      }
+      for (int32_t head = 0; head < tail; ++head) {
+        const int32_t v = queue[head];
+        topo.list(v, list);
+        for (int k = 0; k < 8; ++k) {
+          const int32_t a = list[k];
+          if (a == kNoNeighbour) continue;
+          const float c = arcs[a ^ 1];  // residual from the neighbour into v
+          if (c == kAbsentArc || c == 0.0f) continue;
+          const int32_t u = topo.head(a);
+          if (dist[u] != kInfiniteDistance) continue;
+          dist[u] = dist[v] + 1;
+          queue[tail++] = u;
+        }
+      }
+      // 2. Downhill, farthest first.
+      double cancelled = 0.0;
+      for (int32_t i = tail - 1; i >= 0; --i) {
+        const int32_t u = queue[i];
+        nodes* const pu = base + u;
+        if (pu->tr_cap <= 0.0f || dist[u] == 0) continue;
+        topo.list(u, list);
+        for (int k = 0; k < 8 && pu->tr_cap > 0.0f; ++k) {
+          const int32_t a = list[k];
+          if (a == kNoNeighbour) continue;
+          const float c = arcs[a];
+          if (c == kAbsentArc || c == 0.0f) continue;
+          const int32_t v = topo.head(a);
+          if (dist[v] != dist[u] - 1) continue;
+          const float f = minCap(pu->tr_cap, c);
+          arcs[a] -= f;
+          arcs[a ^ 1] += f;
+          pu->tr_cap -= f;
+          nodes* const pv = base + v;
+          if (pv->tr_cap < 0.0f) {
+            const float met = minCap(f, -pv->tr_cap);
+            g.m_flow += met;
+            cancelled += met;
+          }
+          pv->tr_cap += f;
+        }
+      }
+      if (firstWave < 0.0) firstWave = cancelled;
+      if (cancelled <= firstWave * kWaveStop) return;
+    }
+  }
+
   // Growth from `current`: free neighbours join its tree; a neighbour of the
   // other tree closes a path, whose middle arc (source side to sink side) is
   // returned; -1 when none.
@@ -772,28 +851,46 @@ void ZIRKSEGraph::ProcessSinkOrphans(nodes* orphan) {
   withSolver(*this, [orphan](auto& s) { s.template adopt<SINK>(orphan); });
 }
 
-void ZIRKSEGraph::maxflowInit() {
-  m_activeFirst = m_activeLast = nullptr;
-  m_orphanFirst = m_orphanLast = nullptr;
-  if (!prepareForSolve()) return;  // empty queue: the solve ends at once
+namespace {
+
+// The start shared by every solve: queues emptied, unfilled slots filled,
+// one-link paths saturated. False when nothing may be solved.
+bool startSolve(ZIRKSEGraph* g) {
+  g->m_activeFirst = g->m_activeLast = nullptr;
+  g->m_orphanFirst = g->m_orphanLast = nullptr;
+  if (!g->prepareForSolve()) return false;
   // A cancelled solve leaves the graph as it was filled.
-  if (!ZIRKSEMarker::m_exitApp) withSolver(*this, [](auto& s) { s.pushTerminalPairs(); });
-  m_time = 0;
-  const int64_t grid = static_cast<int64_t>(m_width) * m_height;
-  const int64_t count = m_nodeCount < grid ? m_nodeCount : grid;
-  for (nodes* n = m_nodes; n < m_nodes + count; ++n) {
+  if (!ZIRKSEMarker::m_exitApp) withSolver(*g, [](auto& s) { s.pushTerminalPairs(); });
+  g->m_time = 0;
+  return true;
+}
+
+// Nodes lo..hi - 1 of the graph start their trees from their terminal
+// capacity, into the queue of `view` (the graph itself or a part of it).
+void startTrees(ZIRKSEGraph* g, ZIRKSEGraph* view, int64_t lo, int64_t hi) {
+  for (nodes* n = g->m_nodes + lo; n < g->m_nodes + hi; ++n) {
     // Links left by an earlier, cancelled solve would keep a node out of the queues.
     n->next = nullptr;
     n->nextOrphan = nullptr;
     setByTerminal(n);
-    if (n->tree != FREE) {
-      if (m_stamp != nullptr) {
-        m_stamp[n - m_nodes] = 0;
-        m_dist[n - m_nodes] = 1;
-      }
-      AddToActiveQueue(n);
+    if (g->m_stamp != nullptr) {
+      g->m_stamp[n - g->m_nodes] = 0;
+      g->m_dist[n - g->m_nodes] = 1;
     }
+    if (n->tree != FREE) view->AddToActiveQueue(n);
   }
+}
+
+}  // namespace
+
+void ZIRKSEGraph::maxflowInit() {
+  if (!startSolve(this)) return;  // empty queue: the solve ends at once
+  const int64_t grid = static_cast<int64_t>(m_width) * m_height;
+  const int64_t count = m_nodeCount < grid ? m_nodeCount : grid;
+  if (m_bandUp != nullptr && m_stamp != nullptr && !ZIRKSEMarker::m_exitApp) {
+    withSolver(*this, [count](auto& s) { s.routeExcess(0, static_cast<int32_t>(count)); });
+  }
+  startTrees(this, this, 0, count);
 }
 
 float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
@@ -802,8 +899,10 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
   if (g->m_bandUp == nullptr || g->m_stamp == nullptr || count < 2 || seams.size() + 1 != count) {
     return g->maxFlow();
   }
-  g->maxflowInit();  // trees, queues and the one-link paths of the whole graph
-  if (ZIRKSEMarker::m_exitApp || g->m_activeFirst == nullptr) return g->maxFlowSerialCall();
+  // The one-link paths of the whole graph; each part routes and starts
+  // its trees on its own thread.
+  if (!startSolve(g)) return g->m_flow;
+  if (ZIRKSEMarker::m_exitApp) return g->maxFlowSerialCall();
 
   // 1. Hold back the links between parts: those of each part's first row
   // to the row above, kept per seam.
@@ -848,26 +947,30 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
     first[i] = i;
     views.push_back(makeView(g->m_time));
   }
-  // The whole graph's queue, handed out by range.
-  for (nodes* n = g->GetTopActiveQueueNode(); n != nullptr; n = g->GetTopActiveQueueNode()) {
-    const int32_t index = static_cast<int32_t>(n - g->m_nodes);
-    size_t part = 0;
-    while (part + 1 < count && index >= parts[part + 1]) ++part;
-    n->next = nullptr;
-    views[part]->AddToActiveQueue(n);
-  }
+  // In the first round a part routes its nodes and starts their trees
+  // before it solves.
+  bool firstRound = true;
   for (;;) {
+    auto solveGroup = [g, &parts, &first, &views, firstRound](size_t i) {
+      ZIRKSEGraph* v = views[i].get();
+      if (firstRound) {
+        const int32_t lo = parts[i], hi = parts[i + 1];
+        if (!ZIRKSEMarker::m_exitApp) withSolver(*v, [lo, hi](auto& s) { s.routeExcess(lo, hi); });
+        startTrees(g, v, lo, hi);
+      }
+      v->maxFlowSerialCall();
+    };
     // A group whose thread can not be started solves on this thread.
     std::vector<std::thread> threads;
-    std::vector<ZIRKSEGraph*> here{views[0].get()};
+    std::vector<size_t> here{0};
     for (size_t i = 1; i < views.size(); ++i) {
       try {
-        threads.emplace_back([v = views[i].get()] { v->maxFlowSerialCall(); });
+        threads.emplace_back(solveGroup, i);
       } catch (const std::system_error&) {
-        here.push_back(views[i].get());
+        here.push_back(i);
       }
     }
-    for (ZIRKSEGraph* v : here) v->maxFlowSerialCall();
+    for (size_t i : here) solveGroup(i);
     for (std::thread& t : threads) t.join();
 
     int32_t latest = g->m_time;
@@ -896,6 +999,7 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
     }
     first.swap(joinedFirst);
     views.swap(joined);
+    firstRound = false;
   }
   // A cancelled solve leaves seams held: they come back all the same.
   for (const std::vector<Held>& seam : held) {

@@ -49,9 +49,13 @@ namespace {
 constexpr int32_t kNoNeighbour = -2;
 // Chain length of a candidate whose chain ends in an orphan or a free node.
 constexpr int32_t kInfiniteDistance = 2147483647;
-// Bulk routing of band graphs: at most this many waves, ending early when a
-// wave cancels less than this share of what the first one did.
-constexpr int kMaxWaves = 64;
+// Bulk routing before a fresh solve: at most this many waves on a band
+// graph and on a grid, ending early when a wave cancels less than this
+// share of what the first one did. The long thin bands gain from many
+// waves; the grids' augmenting paths are short, and more waves there cost
+// more than they save.
+constexpr int kBandWaves = 64;
+constexpr int kGridWaves = 16;
 constexpr double kWaveStop = 0.02;
 // Arc offsets from 8p of the up-left, up, up-right and right entries.
 constexpr int32_t kUpperSteps[4] = {2, 4, 6, 9};
@@ -662,14 +666,14 @@ struct Solver {
   // many long augmenting paths would carry in small amounts moves in bulk.
   // The waves stop when one cancels little. stamp and dist serve as queue
   // and labels; the trees are started afterwards, which resets both.
-  void routeExcess(int32_t lo, int32_t hi) {
+  void routeExcess(int32_t lo, int32_t hi, int maxWaves) {
     float* const arcs = g.m_arcs;
     nodes* const base = g.m_nodes;
     int32_t* const queue = g.m_stamp + lo;
     int32_t* const dist = g.m_dist;
     int32_t list[8];
     double firstWave = -1.0;
-    for (int wave = 0; wave < kMaxWaves && !ZIRKSEMarker::m_exitApp; ++wave) {
+    for (int wave = 0; wave < maxWaves && !ZIRKSEMarker::m_exitApp && !budgetSpent(); ++wave) {
       // 1. Distances, breadth first from every node of sink capacity.
       int32_t tail = 0;
       for (int32_t i = lo; i < hi; ++i) {
@@ -767,6 +771,16 @@ struct Solver {
     return -1;
   }
 
+  // True when the time budget is spent, which then cancels the whole
+  // segmentation, not only this solve.
+  bool budgetSpent() {
+    const double elapsed = g.m_ownsArrays ? get_elapsed_time_in_millisec(g_cancelTimer)
+                                          : elapsedMsReadOnly(g_cancelTimer);
+    if (elapsed <= kBudgetMs) return false;
+    ZIRKSEMarker::m_exitApp = true;
+    return true;
+  }
+
   float run() {
     if (ZIRKSEMarker::m_exitApp) return g.m_flow;
     nodes* current = nullptr;
@@ -811,12 +825,7 @@ struct Solver {
       // The clock is read every kClockSteps steps (a step takes microseconds).
       if (ZIRKSEMarker::m_exitApp) return g.m_flow;
       if (steps++ % kClockSteps != 0) continue;
-      const double elapsed = g.m_ownsArrays ? get_elapsed_time_in_millisec(g_cancelTimer)
-                                            : elapsedMsReadOnly(g_cancelTimer);
-      if (elapsed > kBudgetMs) {
-        ZIRKSEMarker::m_exitApp = true;
-        return g.m_flow;
-      }
+      if (budgetSpent()) return g.m_flow;
     }
   }
 };
@@ -887,8 +896,9 @@ void ZIRKSEGraph::maxflowInit() {
   if (!startSolve(this)) return;  // empty queue: the solve ends at once
   const int64_t grid = static_cast<int64_t>(m_width) * m_height;
   const int64_t count = m_nodeCount < grid ? m_nodeCount : grid;
-  if (m_bandUp != nullptr && m_stamp != nullptr && !ZIRKSEMarker::m_exitApp) {
-    withSolver(*this, [count](auto& s) { s.routeExcess(0, static_cast<int32_t>(count)); });
+  const int waves = m_bandUp != nullptr ? kBandWaves : (m_warmFill ? 0 : kGridWaves);
+  if (waves > 0 && m_stamp != nullptr && !ZIRKSEMarker::m_exitApp) {
+    withSolver(*this, [count, waves](auto& s) { s.routeExcess(0, static_cast<int32_t>(count), waves); });
   }
   startTrees(this, this, 0, count);
 }
@@ -955,7 +965,7 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
       ZIRKSEGraph* v = views[i].get();
       if (firstRound) {
         const int32_t lo = parts[i], hi = parts[i + 1];
-        if (!ZIRKSEMarker::m_exitApp) withSolver(*v, [lo, hi](auto& s) { s.routeExcess(lo, hi); });
+        if (!ZIRKSEMarker::m_exitApp) withSolver(*v, [lo, hi](auto& s) { s.routeExcess(lo, hi, kBandWaves); });
         startTrees(g, v, lo, hi);
       }
       v->maxFlowSerialCall();
@@ -1023,6 +1033,7 @@ void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const
     __android_log_print(ANDROID_LOG_ERROR, "Error", "ZIRK_fillGrid: no terminal capacities to keep");
     return;
   }
+  g->m_warmFill = warm;
   if (!warm) {
     g->reset();
     g->addNode(n);

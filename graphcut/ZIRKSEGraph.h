@@ -145,6 +145,9 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   // source minus sink capacity, and its four link capacities), kept when the
   // next fill may start from this solve's flow. Null otherwise.
   float* m_fillNet = nullptr;
+  // Set by a fill that kept the previous flow: that solve starts close to
+  // its end and skips the bulk routing of a fresh graph.
+  bool m_warmFill = false;
   float* m_fillLinks = nullptr;
 
   // Checks that the arrays hold the whole width x height grid and marks grid

@@ -408,6 +408,7 @@ void largeEdits(const Options& o) {
 
 struct PhotoFigures {
   std::vector<double> engine, grabCut, stroke;
+  std::map<std::string, std::vector<double>> slots;  // the rectangle's stage slots per run
   size_t strokeChanged = 0;  // mask pixels the add stroke changed
   double engineError = 0, grabCutError = 0;
   uint64_t rectHash = 0, strokeHash = 0;
@@ -422,6 +423,7 @@ void photoRun(const Photo& p, bool engineFirst, PhotoFigures* f) {
     EditPlan plan;
     plan.box = box;
     f->engine.push_back(session.run(EditKind::kRectangle, plan));
+    for (const auto& slot : stageSlots(f->engine.back())) f->slots[slot.first].push_back(slot.second);
     f->rectHash = session.maskHash();
     const cv::Mat result = session.objectMask();
     f->engineError = errorRate(result, p.truth);
@@ -493,6 +495,19 @@ void photoEdits(const Options& o) {
   std::printf("%-9s %9s %20.1f %20.1f %7.3f %18.1f   (median of the ratios)\n", "median", "", medianOf(engineMedians),
               medianOf(grabCutMedians), medianOf(ratios), medianOf(strokeMedians));
   if (errors > 0) std::printf("(the engine logged %d error line(s))\n", errors);
+  // Where the rectangle's time goes: each stage slot's median per photo,
+  // averaged over the photos.
+  std::printf("rectangle stages, mean over the photos of each photo's median (ms):");
+  std::map<std::string, double> slotMeans;
+  for (const char* name : kSlotOrder) {
+    std::vector<double> medians;
+    for (const PhotoFigures& f : figures)
+      if (f.slots.count(name) != 0) medians.push_back(medianOf(f.slots.at(name)));
+    if (medians.empty()) continue;
+    slotMeans[name] = mean(medians);
+    std::printf(" %s %.1f", name, slotMeans[name]);
+  }
+  std::printf("\n");
 
   std::printf("\n");
   for (size_t i = 0; i < photos.size(); ++i) {
@@ -505,6 +520,7 @@ void photoEdits(const Options& o) {
     printHash(prefix + "add.mask", figures[i].strokeHash);
   }
   printFigure("photos.mean.rect_ms", mean(engineMedians));
+  for (const auto& slot : slotMeans) printFigure("photos.mean.rect." + slot.first + "_ms", slot.second);
   printFigure("photos.mean.grabcut_ms", mean(grabCutMedians));
   printFigure("photos.mean.add_ms", mean(strokeMedians));
   printFigure("photos.ratio_of_means", mean(engineMedians) / mean(grabCutMedians));

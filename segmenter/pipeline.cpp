@@ -174,7 +174,7 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
     }
   }
 
-  // 3. The newest history mask and a copy of the marks.
+  // 3. The newest history mask.
   ZIRKSEMarker::m_prevResult = ZIRKSEManageUndoRedo::prevMask();
   if (ZIRKSEMarker::m_prevResult != nullptr &&
       (ZIRKSEMarker::m_prevResult->width != w || ZIRKSEMarker::m_prevResult->height != h)) {
@@ -182,35 +182,29 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "setLabelImage: history mask size differs");
     ZIRK_ReleaseImage(&ZIRKSEMarker::m_prevResult);
   }
-  IplImage* label = cvCloneImage(marker);
+  IplImage* label = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
   ZIRKReleaseOnExit releaseLabel(&label);
   IplImage* prev = ZIRKSEMarker::m_prevResult;
-  if (prev != nullptr) {
-    // 4. Unmarked pixels keep the previous result as fixed labels; marked
-    // pixels already on the edit's side are fixed too.
-    const uint8_t fixed = isAddingEdit(kind) ? kLabelObjectFixed : kLabelBackgroundFixed;
-    const uint8_t result = isAddingEdit(kind) ? 255 : 0;
-    for (int y = 0; y < h; ++y) {
-      const uint8_t* m = pixelRow(marker, y);
-      const uint8_t* p = pixelRow(prev, y);
-      uint8_t* l = pixelRow(label, y);
-      for (int x = 0; x < w; ++x) {
-        if (m[x] == 0) {
-          if (p[x] == 0) l[x] = kLabelBackgroundFixed;
-          else if (p[x] == 255) l[x] = kLabelObjectFixed;
-        }
-      }
-      for (int x = 0; x < w; ++x) {
-        if (m[x] != 0 && p[x] == result) l[x] = fixed;
-      }
+  // 4. With a history mask, unmarked pixels keep the previous result as
+  // fixed labels and marked pixels already on the edit's side are fixed
+  // too; 5. without one, everything unmarked is background. Other pixels
+  // keep their mark. One pass over the marks (no copy of them first).
+  const uint8_t fixed = isAddingEdit(kind) ? kLabelObjectFixed : kLabelBackgroundFixed;
+  const uint8_t result = isAddingEdit(kind) ? 255 : 0;
+  const uint8_t background = kLabelBackgroundFixed, object = kLabelObjectFixed;
+  for (int y = 0; y < h; ++y) {
+    const uint8_t* m = pixelRow(marker, y);
+    uint8_t* l = pixelRow(label, y);
+    if (prev == nullptr) {
+      for (int x = 0; x < w; ++x) l[x] = m[x] == 0 ? background : m[x];
+      continue;
     }
-  } else {
-    // 5. No history: everything unmarked is background.
-    for (int y = 0; y < h; ++y) {
-      const uint8_t* m = pixelRow(marker, y);
-      uint8_t* l = pixelRow(label, y);
-      for (int x = 0; x < w; ++x) {
-        if (m[x] == 0) l[x] = kLabelBackgroundFixed;
+    const uint8_t* p = pixelRow(prev, y);
+    for (int x = 0; x < w; ++x) {
+      if (m[x] == 0) {
+        l[x] = p[x] == 0 ? background : p[x] == 255 ? object : 0;
+      } else {
+        l[x] = p[x] == result ? fixed : m[x];
       }
     }
   }

@@ -129,8 +129,8 @@ void ZIRKSEHybrid::postProcess(IplImage* mask) {
                         prev->width, prev->height, mask->width, mask->height);
     return;
   }
-  IplImage* merged = cvCloneImage(prev);
-  ZIRKReleaseOnExit releaseMerged(&merged);
+  // Written in place in one pass: the previous result everywhere, except
+  // inside the box where the mask shows the edit's value.
   const uint8_t v = isAddingEdit(kind) ? kObject : kBackground;
   const float f = g_imageResizeFactor;
   const int row0 = static_cast<int>(f * static_cast<float>(ZIRKSEMarker::m_yMinBBox));
@@ -141,15 +141,17 @@ void ZIRKSEHybrid::postProcess(IplImage* mask) {
   const int rTo = std::min(mask->height, row0 + rows);
   const int cFrom = std::max(0, col0);
   const int cTo = std::min(mask->width, col0 + cols);
-  for (int r = rFrom; r < rTo; ++r) {
-    const uint8_t* in = reinterpret_cast<const uint8_t*>(mask->imageData) + r * mask->widthStep;
-    uint8_t* out = reinterpret_cast<uint8_t*>(merged->imageData) + r * merged->widthStep;
-    for (int c = cFrom; c < cTo; ++c) {
-      if (in[c] == v) out[c] = v;
+  for (int r = 0; r < mask->height; ++r) {
+    uint8_t* out = reinterpret_cast<uint8_t*>(mask->imageData) + r * mask->widthStep;
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(prev->imageData) + r * prev->widthStep;
+    if (r < rFrom || r >= rTo || cFrom >= cTo) {
+      std::copy(p, p + mask->width, out);
+      continue;
     }
+    std::copy(p, p + cFrom, out);
+    for (int c = cFrom; c < cTo; ++c) out[c] = out[c] == v ? v : p[c];
+    std::copy(p + cTo, p + mask->width, out + cTo);
   }
-  cvCopy(merged, mask);
-  cvReleaseImage(&merged);
 }
 
 void ZIRKSEHybrid::postProcessForLoop(IplImage* mask) {
@@ -196,14 +198,11 @@ void ZIRKSEHybrid::postProcessForStroke(IplImage* mask) {
   constexpr uint8_t kKept = 255;
   IplImage* change = cvCreateImage(cvGetSize(mask), IPL_DEPTH_8U, 1);
   ZIRKReleaseOnExit releaseChange(&change);
-  cvSetZero(change);
   for (int r = 0; r < mask->height; ++r) {
     const uint8_t* m = reinterpret_cast<const uint8_t*>(mask->imageData) + r * mask->widthStep;
     const uint8_t* p = reinterpret_cast<const uint8_t*>(prev->imageData) + r * prev->widthStep;
     uint8_t* c = reinterpret_cast<uint8_t*>(change->imageData) + r * change->widthStep;
-    for (int x = 0; x < mask->width; ++x) {
-      if (m[x] == newValue && p[x] == oldValue) c[x] = kFlipped;
-    }
+    for (int x = 0; x < mask->width; ++x) c[x] = m[x] == newValue && p[x] == oldValue ? kFlipped : 0;
   }
 
   if (cancelSegmentation()) return;  // the mask is dropped anyway

@@ -897,7 +897,7 @@ void ZIRKSEGraph::maxflowInit() {
   const int64_t grid = static_cast<int64_t>(m_width) * m_height;
   const int64_t count = m_nodeCount < grid ? m_nodeCount : grid;
   const int waves = m_bandUp != nullptr ? kBandWaves : (m_warmFill ? 0 : kGridWaves);
-  if (waves > 0 && m_stamp != nullptr && !ZIRKSEMarker::m_exitApp) {
+  if (waves > 0 && m_stamp != nullptr) {
     withSolver(*this, [count, waves](auto& s) { s.routeExcess(0, static_cast<int32_t>(count), waves); });
   }
   startTrees(this, this, 0, count);
@@ -911,8 +911,7 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
   }
   // The one-link paths of the whole graph; each part routes and starts
   // its trees on its own thread.
-  if (!startSolve(g)) return g->m_flow;
-  if (ZIRKSEMarker::m_exitApp) return g->maxFlowSerialCall();
+  if (!startSolve(g) || ZIRKSEMarker::m_exitApp) return g->m_flow;
 
   // 1. Hold back the links between parts: those of each part's first row
   // to the row above, kept per seam.
@@ -961,11 +960,11 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
   // before it solves.
   bool firstRound = true;
   for (;;) {
-    auto solveGroup = [g, &parts, &first, &views, firstRound](size_t i) {
+    auto solveGroup = [g, &parts, &views, firstRound](size_t i) {
       ZIRKSEGraph* v = views[i].get();
       if (firstRound) {
         const int32_t lo = parts[i], hi = parts[i + 1];
-        if (!ZIRKSEMarker::m_exitApp) withSolver(*v, [lo, hi](auto& s) { s.routeExcess(lo, hi, kBandWaves); });
+        withSolver(*v, [lo, hi](auto& s) { s.routeExcess(lo, hi, kBandWaves); });
         startTrees(g, v, lo, hi);
       }
       v->maxFlowSerialCall();
@@ -999,19 +998,21 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
       joined.push_back(makeView(latest));
       if (j + 1 == views.size()) continue;
       ZIRKSEGraph* v = joined.back().get();
-      for (const Held& h : held[first[j + 1] - 1]) {
+      std::vector<Held>& seam = held[first[j + 1] - 1];
+      for (const Held& h : seam) {
         arcs[h.arc] = h.cap;
         const int32_t p = h.arc >> 3;
         v->AddToActiveQueue(g->m_nodes + p);
         const int32_t k = h.arc & 7;
         v->AddToActiveQueue(g->m_nodes + g->m_bandUp[p] + (k >> 1) - 2);
       }
+      seam.clear();  // given back: flow may cross it from now on
     }
     first.swap(joinedFirst);
     views.swap(joined);
     firstRound = false;
   }
-  // A cancelled solve leaves seams held: they come back all the same.
+  // A cancelled solve leaves seams still held: they come back all the same.
   for (const std::vector<Held>& seam : held) {
     for (const Held& h : seam) arcs[h.arc] = h.cap;
   }

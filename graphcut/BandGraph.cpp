@@ -309,5 +309,5 @@ float BandGraph::solve(ZIRKSEGraph* graph, int parts) const {
     seams.push_back(m_runs[e - 1].first + (m_runs[e - 1].x1 - m_runs[e - 1].x0) + 1);
   }
   starts.push_back(m_nodeCount);
-  return ZIRK_solveBandInParts(graph, starts, seams);
+  return ZIRK_solveInParts(graph, starts, seams);
 }

@@ -903,12 +903,18 @@ void ZIRKSEGraph::maxflowInit() {
   startTrees(this, this, 0, count);
 }
 
-float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
-                            const std::vector<int32_t>& seams) {
+float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
+                        const std::vector<int32_t>& seams) {
   const size_t count = parts.size() < 2 ? 0 : parts.size() - 1;
-  if (g->m_bandUp == nullptr || g->m_stamp == nullptr || count < 2 || seams.size() + 1 != count) {
+  const bool band = g->m_bandUp != nullptr && g->m_bandDown != nullptr;
+  // A grid is parted only when every grid node is in the graph.
+  const bool wholeGrid = static_cast<int64_t>(g->m_width) * g->m_height == g->m_nodeCount;
+  if ((!band && (!wholeGrid || g->m_numBlocks > 1)) || g->m_stamp == nullptr || count < 2 ||
+      seams.size() + 1 != count) {
     return g->maxFlow();
   }
+  // A band routes on every solve; a grid only on a fresh fill, as maxflowInit does.
+  const int waves = band ? kBandWaves : (g->m_warmFill ? 0 : kGridWaves);
   // The one-link paths of the whole graph; each part routes and starts
   // its trees on its own thread.
   if (!startSolve(g) || ZIRKSEMarker::m_exitApp) return g->m_flow;
@@ -960,11 +966,11 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
   // before it solves.
   bool firstRound = true;
   for (;;) {
-    auto solveGroup = [g, &parts, &views, firstRound](size_t i) {
+    auto solveGroup = [g, &parts, &views, firstRound, waves](size_t i) {
       ZIRKSEGraph* v = views[i].get();
       if (firstRound) {
         const int32_t lo = parts[i], hi = parts[i + 1];
-        withSolver(*v, [lo, hi](auto& s) { s.routeExcess(lo, hi, kBandWaves); });
+        if (waves > 0) withSolver(*v, [lo, hi, waves](auto& s) { s.routeExcess(lo, hi, waves); });
         startTrees(g, v, lo, hi);
       }
       v->maxFlowSerialCall();
@@ -1004,7 +1010,8 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
         const int32_t p = h.arc >> 3;
         v->AddToActiveQueue(g->m_nodes + p);
         const int32_t k = h.arc & 7;
-        v->AddToActiveQueue(g->m_nodes + g->m_bandUp[p] + (k >> 1) - 2);
+        const int32_t above = band ? g->m_bandUp[p] : p - g->m_width;
+        v->AddToActiveQueue(g->m_nodes + above + (k >> 1) - 2);
       }
       seam.clear();  // given back: flow may cross it from now on
     }
@@ -1017,6 +1024,19 @@ float ZIRK_solveBandInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
     for (const Held& h : seam) arcs[h.arc] = h.cap;
   }
   return g->m_flow;
+}
+
+float ZIRK_solveGridInParts(ZIRKSEGraph* g, int parts) {
+  const int32_t w = g->m_width, h = g->m_height;
+  if (parts < 2 || h < 2 * parts) return g->maxFlow();
+  std::vector<int32_t> starts{0}, seams;
+  for (int i = 1; i < parts; ++i) {
+    const int32_t row = static_cast<int32_t>(static_cast<int64_t>(h) * i / parts);
+    starts.push_back(row * w);
+    seams.push_back(row * w + w);
+  }
+  starts.push_back(w * h);
+  return ZIRK_solveInParts(g, starts, seams);
 }
 
 void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const float* links,

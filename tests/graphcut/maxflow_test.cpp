@@ -30,12 +30,13 @@ class MaxFlow : public ::testing::Test {
 // Solves g (filled from s) and compares with the oracle: the cut has the
 // minimum capacity, and with integer capacities (every sum exact) it is the
 // oracle's sink side, the nodes that can still reach the sink. The serial
-// solver also returns the flow.
-void expectOracleCut(ZIRKSEGraph& g, const GridGraph& s, bool exact) {
+// solver, alone or over bands of rows (parts above 1), also returns the flow.
+void expectOracleCut(ZIRKSEGraph& g, const GridGraph& s, bool exact, int parts = 1) {
   const OracleResult oracle = solveWithOracle(s);
   const double tol = 1e-5 * (1.0 + oracle.flow);
-  // The parallel solver returns 0.
-  ASSERT_NEAR(g.maxFlow(), g.m_numBlocks > 1 ? 0.0 : oracle.flow, exact ? 0.0 : tol);
+  // The parallel block solver returns 0.
+  const float flow = parts > 1 ? ZIRK_solveGridInParts(&g, parts) : g.maxFlow();
+  ASSERT_NEAR(flow, g.m_numBlocks > 1 ? 0.0 : oracle.flow, exact ? 0.0 : tol);
   const std::vector<bool> side = sinkSideOf(g, s.nodes());
   ASSERT_NEAR(cutCapacity(s, side), oracle.flow, tol);
   ASSERT_TRUE(!exact || side == oracle.sinkSide) << "not the smallest sink side";
@@ -91,9 +92,10 @@ TEST_F(MaxFlow, CancelAndSpentBudget) {
   }
 }
 
-// The serial solver (0 blocks) and the parallel one for every block count,
-// on grids from 1x1 and single rows or columns up to 40x30, with real and
-// integer capacities; every arc the partition removed comes back. Once, two
+// The serial solver (0 blocks), the parallel one for every block count and
+// the serial one over 2 to 5 bands of rows (negative counts below), on grids
+// from 1x1 and single rows or columns up to 40x30, with real and integer
+// capacities; every arc the partition or a band seam held comes back. Once, two
 // blocks share no arc (no edge between columns 5 and 6 of 12): they get no
 // store and are never merged, and the merge passes end instead of waiting.
 TEST_F(MaxFlow, RandomGridsGiveTheOracleCutForEveryBlockCount) {
@@ -101,7 +103,7 @@ TEST_F(MaxFlow, RandomGridsGiveTheOracleCutForEveryBlockCount) {
   std::uniform_int_distribution<int> wd(1, 40), hd(1, 30);
   const std::pair<int, int> fixed[] = {{1, 1}, {1, 2}, {2, 1}, {1, 17}, {23, 1}, {2, 2}, {40, 30}};
   g_cancelTimer = create_timer();  // the blocks poll the budget from their threads
-  for (int blocks : {0, 2, 3, 4, 6, 8, 9, 16}) {
+  for (int blocks : {0, 2, 3, 4, 6, 8, 9, 16, -2, -3, -5}) {
     for (int trial = 0; trial < (blocks == 0 ? 300 : 24); ++trial) {
       int w = wd(rng), h = hd(rng);
       if (blocks == 0 && trial < 14) std::tie(w, h) = fixed[trial / 2];
@@ -111,11 +113,11 @@ TEST_F(MaxFlow, RandomGridsGiveTheOracleCutForEveryBlockCount) {
       GridGraph s = randomGrid(rng, w, h, trial % 2 == 1);
       for (int y = 0; apart && y < 8; ++y)
         s.e[4 * (y * 12 + 6)].absent = s.e[4 * (y * 12 + 6) + 1].absent = s.e[4 * (y * 12 + 5) + 3].absent = true;
-      ZIRKSEGraph g(w * h, 8 * w * h, w, h, blocks);
+      ZIRKSEGraph g(w * h, 8 * w * h, w, h, std::max(blocks, 0));
       fill(g, s);
       start_cpu_timer(g_cancelTimer);  // a fresh budget for each solve (sanitizers are slow)
       SCOPED_TRACE(testing::Message() << blocks << " blocks, " << w << "x" << h);
-      ASSERT_NO_FATAL_FAILURE(expectOracleCut(g, s, trial % 2 == 1));
+      ASSERT_NO_FATAL_FAILURE(expectOracleCut(g, s, trial % 2 == 1, -blocks));
       ASSERT_NO_FATAL_FAILURE(expectArcsRestored(g, s));
     }
   }
@@ -124,7 +126,8 @@ TEST_F(MaxFlow, RandomGridsGiveTheOracleCutForEveryBlockCount) {
 
 // A refill that keeps the last solve's flow must give the minimum cut of the
 // new capacities: links fall to nothing, shrink, stay or grow, terminal
-// links swap sides or stay (null terminal arrays).
+// links swap sides or stay (null terminal arrays). Both solves run serially
+// or over 2 or 3 bands of rows.
 // Symmetric integral links, as the segmenter's are, so the cut is determined.
 TEST_F(MaxFlow, RefillKeepingTheFlowGivesTheMinimumCutOfTheNewCapacities) {
   std::mt19937 rng(21);
@@ -135,7 +138,7 @@ TEST_F(MaxFlow, RefillKeepingTheFlowGivesTheMinimumCutOfTheNewCapacities) {
                   links.data(), true);
   };
   for (int trial = 0; trial < 60; ++trial) {
-    const int w = 2 + trial % 9, h = 1 + trial % 7;
+    const int w = 2 + trial % 9, h = 1 + trial % 7, parts = 1 + trial % 3;
     const bool sameTerminals = trial % 4 == 3;
     GridGraph first = randomGrid(rng, w, h, true);
     for (Slot& e : first.e) e.rev = e.cap;
@@ -151,9 +154,9 @@ TEST_F(MaxFlow, RefillKeepingTheFlowGivesTheMinimumCutOfTheNewCapacities) {
     }
     ZIRKSEGraph g(w * h, 8 * w * h, w, h, 0);
     refill(&g, first, false);
-    g.maxFlow();
+    ZIRK_solveGridInParts(&g, parts);
     refill(&g, second, sameTerminals);
-    g.maxFlow();
+    ZIRK_solveGridInParts(&g, parts);
     EXPECT_EQ(sinkSideOf(g, w * h), solveWithOracle(second).sinkSide) << "trial " << trial;
   }
 }

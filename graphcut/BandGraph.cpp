@@ -239,19 +239,23 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
     }
   }
 
-  // Capacities per node, computed on several threads over bands of rows
+  // Nodes and links written in place on several threads over bands of rows
   // (each node's values depend on its own pixels only, so the split changes
-  // nothing), then entered in node order.
+  // nothing); the pre-flow is summed afterwards in node order, as a fill
+  // node by node would.
   const bool grey = texA != nullptr && texB != nullptr;
-  std::vector<float> sources(n, 0.0f), sinks(n, 0.0f), caps(4 * static_cast<size_t>(n), kAbsentArc);
-  std::vector<uint8_t> isLinked(n, 0);
+  std::vector<float> preFlow(n, 0.0f);
+  g->reset();
   auto fillRows = [&](int rowBegin, int rowEnd) {
     for (int row = rowBegin; row < rowEnd; ++row) {
       const int y = m_rowFirst + row;
       forEachNodeInRow(y, [&](int x, int, int32_t p) {
+        float slot[4] = {kAbsentArc, kAbsentArc, kAbsentArc, kAbsentArc};
         const uint8_t l = label(x, y);
-        if (!linked(l)) return;
-        isLinked[p] = 1;
+        if (!linked(l)) {
+          ZIRK_fillNodeInPlace(g, p, false, 0.0f, 0.0f, slot);
+          return;
+        }
         const uint8_t* c = pixelAt(colour, x, y);
         // The capacity of the link to neighbour (x + dx, y + dy).
         auto link = [&](int dx, int dy) {
@@ -261,36 +265,30 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
         };
         const uint8_t fa = grey ? pixelAt(texA, m_xmap[x], m_ymap[y])[0] : 0;
         const uint8_t fb = grey ? pixelAt(texB, m_xmap[x], m_ymap[y])[0] : 0;
-        links.terminal(l, c, fa, fb, &sources[p], &sinks[p]);
+        float source, sink;
+        links.terminal(l, c, fa, fb, &source, &sink);
         if (m_unknownOnly) {
           // Links to merged fixed pixels lead straight to their terminal.
           for (int dy = -1; dy <= 1; ++dy) {
             for (int dx = -1; dx <= 1; ++dx) {
               const uint8_t q = (dx | dy) != 0 ? label(x + dx, y + dy) : uint8_t{kLabelOutsideBand};
-              if (q == kLabelObjectFixed) sources[p] += link(dx, dy);
-              if (q == kLabelBackgroundFixed) sinks[p] += link(dx, dy);
+              if (q == kLabelObjectFixed) source += link(dx, dy);
+              if (q == kLabelBackgroundFixed) sink += link(dx, dy);
             }
           }
         }
         // Links to the left, up-left, up and up-right neighbours that are linked too.
-        float* slot = caps.data() + 4 * static_cast<size_t>(p);
         if (linked(label(x - 1, y))) slot[0] = links.horizontal();
         for (int dx = -1; dx <= 1; ++dx)
           if (linked(label(x + dx, y - 1))) slot[2 + dx] = link(dx, -1);
+        preFlow[p] = ZIRK_fillNodeInPlace(g, p, true, source, sink, slot);
       });
     }
   };
   const int threads =
       buildThreads > 0 ? std::min(buildThreads, std::max(rows, 1)) : (n > kThreadedBuildNodes ? kBuildThreads : 1);
   ZIRK_runInBands(rows, threads, fillRows);
-
-  g->reset();
-  g->addNode(n);
-  for (int32_t p = 0; p < n; ++p) {
-    if (isLinked[p]) g->addtWeights(p, sources[p], sinks[p]);
-    const float* slot = caps.data() + 4 * static_cast<size_t>(p);
-    for (int k = 0; k < 4; ++k) g->addEdge(p, -1, slot[k], slot[k], slot[k] == kAbsentArc);
-  }
+  ZIRK_endFillInPlace(g, n, preFlow.data());
   return g;
 }
 

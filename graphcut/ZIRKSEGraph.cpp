@@ -1026,6 +1026,25 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
   return g->m_flow;
 }
 
+float ZIRK_fillNodeInPlace(ZIRKSEGraph* g, int32_t p, bool terminals, float source, float sink,
+                           const float links[4]) {
+  nodes* const n = g->m_nodes + p;
+  setFree(n);
+  float* const a = g->m_arcs + 8 * static_cast<size_t>(p);
+  for (int k = 0; k < 4; ++k) a[2 * k] = a[2 * k + 1] = links[k];
+  if (!terminals) return 0.0f;
+  n->tr_cap = source - sink;
+  return minCap(source, sink);
+}
+
+void ZIRK_endFillInPlace(ZIRKSEGraph* g, int32_t n, const float* preFlow) {
+  g->m_nodeLast = g->m_nodes + n;
+  g->m_nodeCount = n;
+  g->m_arcLast = g->m_arcs + 8 * static_cast<size_t>(n);
+  g->m_arcCount = 8 * n;
+  for (int32_t p = 0; p < n; ++p) g->m_flow += preFlow[p];
+}
+
 float ZIRK_solveGridInParts(ZIRKSEGraph* g, int parts) {
   const int32_t w = g->m_width, h = g->m_height;
   if (parts < 2 || h < 2 * parts) return g->maxFlow();

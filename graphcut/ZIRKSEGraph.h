@@ -157,6 +157,17 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   bool prepareForSolve();
 };
 
+// Filling a freshly reset graph of n nodes in place, several threads
+// writing disjoint nodes: node p becomes a free node with, when `terminals`,
+// the terminal capacities addtWeights would give it, and its four link
+// pairs (left, up-left, up, up-right; kAbsentArc: absent) as addEdge would
+// write them; returns the pre-flow addtWeights would add (0 without
+// terminals). ZIRK_endFillInPlace then sets the counts and adds the
+// pre-flows in node order. Every node 0 .. n - 1 must be written.
+float ZIRK_fillNodeInPlace(ZIRKSEGraph* g, int32_t p, bool terminals, float source, float sink,
+                           const float links[4]);
+void ZIRK_endFillInPlace(ZIRKSEGraph* g, int32_t n, const float* preFlow);
+
 // Solves a band graph (m_bandUp set), or a full grid with every grid node,
 // in parts that run on their own threads: parts[i] .. parts[i + 1] are node
 // ranges that begin at a row, and seams[i] is the end of the first row of

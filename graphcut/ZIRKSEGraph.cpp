@@ -1062,13 +1062,16 @@ void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const
                    bool keepFlow) {
   const int32_t w = g->m_width, h = g->m_height;
   const int32_t n = w * h;
-  // Infinite capacities (a colour no model explains) have no difference to
-  // carry over: such a fill starts afresh.
+  // Infinite capacities (a colour no model explains) carry over: see below.
+  // A node with both infinite has none to carry (infinity minus infinity):
+  // a fill with such a node now or in the last fill starts afresh.
   const bool sameTerminals = source == nullptr || sink == nullptr;
-  bool finite = true;
-  for (int32_t p = 0; p < n && finite && !sameTerminals; ++p) finite = std::isfinite(source[p] - sink[p]);
-  const bool warm = keepFlow && finite && g->m_fillNet != nullptr && g->m_fillLinks != nullptr &&
-                    g->m_nodeCount == n && g->m_arcCount == 8 * n && g->m_bandUp == nullptr;
+  const bool warmable = keepFlow && g->m_fillNet != nullptr && g->m_fillLinks != nullptr &&
+                        g->m_nodeCount == n && g->m_arcCount == 8 * n && g->m_bandUp == nullptr;
+  bool defined = true;
+  for (int32_t p = 0; p < n && defined && warmable && !sameTerminals; ++p)
+    defined = !std::isnan(source[p] - sink[p]) && !std::isnan(g->m_fillNet[p]);
+  const bool warm = warmable && defined;
   if (sameTerminals && !warm) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "ZIRK_fillGrid: no terminal capacities to keep");
     return;
@@ -1081,11 +1084,26 @@ void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const
     for (int32_t i = 0; i < 4 * n; ++i)
       g->addEdge(i / 4, -1, links[i], links[i], links[i] == kAbsentArc);
   } else {
-    // Terminal links: the residual moves by the change of capacity.
+    // Terminal links: the residual moves by the change of capacity. An
+    // infinite one stays infinite; one that was infinite is the new net
+    // capacity less what the node sends through its links (half the
+    // difference of each link's two residuals, the links being symmetric).
     float* const arcs = g->m_arcs;
+    int32_t list[8];
     for (int32_t p = 0; p < n && !sameTerminals; ++p) {
       const float net = source[p] - sink[p];
-      g->m_nodes[p].tr_cap += net - g->m_fillNet[p];
+      const float old = g->m_fillNet[p];
+      if (std::isfinite(old)) {
+        g->m_nodes[p].tr_cap += net - old;
+        continue;
+      }
+      float sent = 0.0f;
+      neighbourList(p, w, h, list);
+      for (int k = 0; k < 8; ++k) {
+        const int32_t a = list[k];
+        if (a != kNoNeighbour && arcs[a] != kAbsentArc) sent += 0.5f * (arcs[a ^ 1] - arcs[a]);
+      }
+      g->m_nodes[p].tr_cap = net - sent;
     }
     // Links: the flow p -> q stays where it fits; the overflow returns to
     // the terminals (p keeps what it can no longer send, q lacks it).

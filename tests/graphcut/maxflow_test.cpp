@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 #include <random>
 #include <tuple>
 #include <vector>
@@ -126,8 +127,8 @@ TEST_F(MaxFlow, RandomGridsGiveTheOracleCutForEveryBlockCount) {
 
 // A refill that keeps the last solve's flow must give the minimum cut of the
 // new capacities: links fall to nothing, shrink, stay or grow, terminal
-// links swap sides or stay (null terminal arrays). Both solves run serially
-// or over 2 or 3 bands of rows.
+// links swap sides or stay (null terminal arrays), some become or stop
+// being infinite. Both solves run serially or over 2 or 3 bands of rows.
 // Symmetric integral links, as the segmenter's are, so the cut is determined.
 TEST_F(MaxFlow, RefillKeepingTheFlowGivesTheMinimumCutOfTheNewCapacities) {
   std::mt19937 rng(21);
@@ -139,14 +140,18 @@ TEST_F(MaxFlow, RefillKeepingTheFlowGivesTheMinimumCutOfTheNewCapacities) {
   };
   for (int trial = 0; trial < 60; ++trial) {
     const int w = 2 + trial % 9, h = 1 + trial % 7, parts = 1 + trial % 3;
-    const bool sameTerminals = trial % 4 == 3;
+    const bool sameTerminals = trial % 4 == 3, infinite = trial % 5 < 2;
+    const float inf = std::numeric_limits<float>::infinity();
     GridGraph first = randomGrid(rng, w, h, true);
-    for (Slot& e : first.e) e.rev = e.cap;
-    GridGraph second = first;
     std::uniform_int_distribution<int> pick(0, 3);
+    for (Slot& e : first.e) e.rev = e.cap;
+    for (float& c : first.src) c = infinite && pick(rng) == 0 ? inf : c;
+    GridGraph second = first;
     const float scale[4] = {0.0f, 0.5f, 1.0f, 3.0f};
     for (int p = 0; p < first.nodes(); ++p) {
       if (!sameTerminals && pick(rng) == 0) std::swap(second.src[p], second.snk[p]);
+      if (!sameTerminals && infinite && pick(rng) == 0)
+        second.src[p] = second.src[p] == inf || second.snk[p] == inf ? 3.0f : inf;
       for (int k = 0; k < 4; ++k) {
         Slot& e = second.e[4 * p + k];
         e.cap = e.rev = std::floor(e.cap * scale[pick(rng)]);

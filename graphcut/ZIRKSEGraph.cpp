@@ -57,6 +57,10 @@ constexpr int32_t kInfiniteDistance = 2147483647;
 constexpr int kBandWaves = 64;
 constexpr int kGridWaves = 16;
 constexpr double kWaveStop = 0.02;
+// A join of parts that needs more than one augmentation for this many of
+// its nodes is carrying much flow across the seam along long paths: it
+// routes in bulk over the joined nodes and starts its trees anew.
+constexpr int32_t kJoinNodesPerAugment = 4;
 // Arc offsets from 8p of the up-left, up, up-right and right entries.
 constexpr int32_t kUpperSteps[4] = {2, 4, 6, 9};
 // The time budget of one segmentation, in milliseconds.
@@ -483,6 +487,11 @@ template <class Topology>
 struct Solver {
   ZIRKSEGraph& g;
   Topology topo;
+  // run() stops after this many augmentations when not negative, and then
+  // sets `limited`; the graph is left between two steps, a valid state to
+  // route from or to start new trees on.
+  int64_t augmentLimit = -1;
+  bool limited = false;
 
   void augment(int32_t arc) {
     float* const arcs = g.m_arcs;
@@ -818,6 +827,10 @@ struct Solver {
             adopt<SOURCE>(o);
           }
         }
+        if (augmentLimit >= 0 && --augmentLimit < 0) {
+          limited = true;
+          return g.m_flow;
+        }
       }
 
       // 5. Cancellation and the time budget; a spent budget cancels the whole
@@ -966,13 +979,28 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
   // before it solves.
   bool firstRound = true;
   for (;;) {
-    auto solveGroup = [g, &parts, &views, firstRound, waves](size_t i) {
+    auto solveGroup = [g, &parts, &views, &first, count, firstRound, waves, band](size_t i) {
       ZIRKSEGraph* v = views[i].get();
+      const int32_t lo = parts[first[i]];
+      const int32_t hi = parts[i + 1 < first.size() ? first[i + 1] : count];
       if (firstRound) {
-        const int32_t lo = parts[i], hi = parts[i + 1];
         if (waves > 0) withSolver(*v, [lo, hi, waves](auto& s) { s.routeExcess(lo, hi, waves); });
         startTrees(g, v, lo, hi);
+        v->maxFlowSerialCall();
+        return;
       }
+      bool limited = false;
+      withSolver(*v, [lo, hi, &limited](auto& s) {
+        s.augmentLimit = (hi - lo) / kJoinNodesPerAugment;
+        s.run();
+        limited = s.limited;
+      });
+      if (!limited || ZIRKSEMarker::m_exitApp) return;
+      const int joinWaves = band ? kBandWaves : kGridWaves;
+      withSolver(*v, [lo, hi, joinWaves](auto& s) { s.routeExcess(lo, hi, joinWaves); });
+      v->m_activeFirst = v->m_activeLast = nullptr;
+      v->m_orphanFirst = v->m_orphanLast = nullptr;
+      startTrees(g, v, lo, hi);
       v->maxFlowSerialCall();
     };
     // A group whose thread can not be started solves on this thread.

@@ -1,11 +1,10 @@
 // The live-wire search against a plain O(N^2) Dijkstra over link costs that
-// the test derives itself from the colours and labels, its indexed min-heap
-// against a sorted multiset, and the hand-over of the preview contours.
+// the test derives itself from the colours and labels, and its indexed
+// min-heap against a sorted multiset.
 #include "livewire/LiveWire.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/core.hpp>
-#include <opencv2/imgproc/imgproc_c.h>
 
 #include <algorithm>
 #include <cfloat>
@@ -15,7 +14,6 @@
 #include <set>
 #include <vector>
 
-#include "engine/EngineState.h"
 #include "livewire/MinPriorityQueue.h"
 
 namespace {
@@ -170,46 +168,6 @@ TEST(MinPriorityQueue, AgreesWithASortedMultiset) {
       ASSERT_EQ(q.pop_min().weight, reference.begin()->first) << "round " << round;
     const Qnode empty = q.pop_min();  // an empty queue returns the sentinel and keeps it
     ASSERT_TRUE(empty.index == -1 && empty.weight == -1.0 && q.heap.size() == 1u);
-  }
-}
-
-class PathArray : public ::testing::Test {
- protected:
-  void TearDown() override { ZIRK_ReleaseContourStorage(); }
-};
-
-// Two contours found the way the preview finds them; a small block size
-// spreads the long one (a comb with notches along its top and bottom) over
-// several storage blocks. Handed over once, then [0].
-TEST_F(PathArray, HandsTheContoursOverOnce) {
-  cv::Mat mask(60, 100, CV_8U, cv::Scalar(0));
-  mask(cv::Rect(3, 4, 10, 6)).setTo(255);
-  mask(cv::Rect(2, 15, 96, 36)).setTo(255);
-  for (int x = 3; x < 97; x += 2) mask.at<uint8_t>(15, x) = mask.at<uint8_t>(50, x) = 0;
-  IplImage wi = cvIplImage(mask);  // cvFindContours overwrites it
-  storage = cvCreateMemStorage(1024);
-  cvFindContours(&wi, storage, &contours, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE, cvPoint(0, 0));
-  g_contoursFound = 1;
-  std::vector<int> expected{0};  // read element by element from the sequences
-  size_t longest = 0;
-  for (CvSeq* seq = contours; seq != nullptr; seq = seq->h_next, ++expected[0]) {
-    expected.push_back(seq->total);
-    longest = std::max(longest, seq->total * sizeof(CvPoint));
-    for (int i = 0; i < seq->total; ++i) {
-      const CvPoint* p = reinterpret_cast<const CvPoint*>(cvGetSeqElem(seq, i));
-      expected.insert(expected.end(), {p->x, p->y});
-    }
-    expected.push_back(-1);
-  }
-  ASSERT_TRUE(expected[0] == 2 && longest > 1024);
-  for (const std::vector<int>& want : {expected, std::vector<int>{0}}) {
-    int* array = nullptr;
-    int length = 0;
-    EXPECT_EQ(fetch_path_array(&array, &length), array);
-    ASSERT_NE(array, nullptr);
-    EXPECT_EQ(std::vector<int>(array, array + length), want);
-    delete[] array;
-    EXPECT_TRUE(contours == nullptr && g_contoursFound == 0);
   }
 }
 

@@ -195,36 +195,30 @@ TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
 
 class CoreBoundingBox : public segtest::SegmenterTest {};
 
-// Box corners (inclusive) and the area threshold (when not -1) by the kind of mark.
+// The box around the marks (corners inclusive) and, for a box request or a
+// loop, the area threshold: a box request's unknown and estimated-object
+// labels, an adding brush's ring (4), a removing one's (3), a loop's points in
+// source pixels at factor 2 (it touches the top-left corner, so the margin
+// appears only right and below).
 TEST_F(CoreBoundingBox, FromTheLoopPointsOrTheLabels) {
   setWorkingImage(segtest::filledImage(100, 80, 3, 50));
   ZIRKSEMarker::m_labelImage = segtest::filledImage(100, 80, 1, 1);
-  auto expectBox = [&](int x0, int y0, int x1, int y1, int64_t threshold) {
-    hybrid->computeBoundingBox();
-    EXPECT_EQ(box(), cv::Rect(cv::Point(x0, y0), cv::Point(x1 + 1, y1 + 1)));
-    if (threshold >= 0) { EXPECT_EQ(hybrid->m_areaThreshold, threshold); }
-  };
-  expectBox(0, 0, 10, 10, 0);  // no mark at all: the corner box
-  // A box request: unknown and estimated-object labels; estimated background is no mark.
   const cv::Mat labels = view(ZIRKSEMarker::m_labelImage);
   labels(cv::Rect(20, 30, 31, 11)).setTo(0);
   labels(cv::Rect(55, 42, 6, 3)).setTo(4);
   labels(cv::Rect(5, 5, 4, 4)).setTo(3);
-  expectBox(10, 20, 70, 54, static_cast<int64_t>(14 * 40 * 0.1));
-  // An adding brush: only its ring (4); a removing one: only 3.
-  ZIRKSEMarker::currentStroke.points = {1, 1, 2, 2};
-  ZIRKSEMarker::currentStroke.type = kEditStrokeAdd;
-  expectBox(45, 32, 70, 54, -1);
-  ZIRKSEMarker::currentStroke.type = kEditStrokeRemove;
-  expectBox(0, 0, 18, 18, -1);
-  // Loop points in source pixels at factor 2: the loop spans working (0, 0)..(30, 25) and
-  // touches the top-left corner, so the margin appears only right and below.
-  g_imageResizeFactor = 2.0f;
-  ZIRKSEMarker::currentStroke.type = kEditLoopAdd;
-  ZIRKSEMarker::currentStroke.points = {0, 0, 61, 0, 61, 51, 0, 51};
-  expectBox(0, 0, 40, 35, static_cast<int64_t>(25 * 30 * 0.1));
-  ZIRKSEMarker::currentStroke.points = {150, 130, 199, 130, 199, 159};  // the opposite corner
-  expectBox(65, 55, 99, 79, -1);
+  const std::vector<int> loop = {0, 0, 61, 0, 61, 51, 0, 51};
+  const struct { int type; std::vector<int> points; cv::Rect box; int64_t threshold; } cases[] = {
+      {kEditLoopAdd, {}, {10, 20, 61, 35}, 14 * 40 / 10}, {kEditStrokeAdd, {1, 1}, {45, 32, 26, 23}, -1},
+      {kEditStrokeRemove, {1, 1}, {0, 0, 19, 19}, -1}, {kEditLoopAdd, loop, {0, 0, 41, 36}, 25 * 30 / 10}};
+  for (const auto& c : cases) {
+    ZIRKSEMarker::currentStroke.type = c.type;
+    ZIRKSEMarker::currentStroke.points = c.points;
+    g_imageResizeFactor = c.points == loop ? 2.0f : 1.0f;
+    hybrid->computeBoundingBox();
+    EXPECT_EQ(box(), c.box) << c.type;
+    if (c.threshold >= 0) { EXPECT_EQ(hybrid->m_areaThreshold, c.threshold) << c.type; }
+  }
 }
 
 }  // namespace

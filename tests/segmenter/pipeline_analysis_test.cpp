@@ -39,71 +39,57 @@ TEST_F(PipelineAnalysis, GreyAndBorderTestsAtTheirThresholds) {
 // left, and its vertical step reads the byte at offset w - 1 of each row.
 TEST_F(PipelineAnalysis, TextureMapsMatchNeighbourDifferences) {
   std::mt19937 rng(11);
-  for (const cv::Size size : {cv::Size(7, 5), cv::Size(1, 4), cv::Size(5, 1)}) {
-    const int w = size.width, h = size.height;
-    IplImage* src = segtest::randomImage(w, h, 3, rng);
-    segtest::replace(ZIRKSEMarker::m_srcImage, src);
-    hybrid->computeTexture();
-    auto s = [&](int x, int y) { return static_cast<int>(at(src, x, y)); };
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x) {
-        int hor = 0, ver = 0;
-        if (x + 1 < w) {
-          hor = std::abs(s(x + 1, y) - s(x, y));
-          if (h > 1) ver = y > 0 ? std::abs(s(x, y - 1) - s(x, y)) : std::abs(s(x, 1) - s(x, 0));
-        } else if (y > 0 && w > 1) {
-          hor = std::abs(s(w - 2, y) - s(w - 1, y));
-          ver = std::abs(at(src, 0, y - 1, w - 1) - at(src, 0, y, w - 1));
-        }
-        EXPECT_EQ(at(ZIRKSEMarker::m_texHor, x, y), hor) << w << "x" << h << " at " << x << "," << y;
-        EXPECT_EQ(at(ZIRKSEMarker::m_texVer, x, y), ver) << w << "x" << h << " at " << x << "," << y;
-      }
-  }
+  const int w = 7, h = 5;
+  IplImage* src = segtest::randomImage(w, h, 3, rng);
+  segtest::replace(ZIRKSEMarker::m_srcImage, src);
+  hybrid->computeTexture();
+  auto s = [&](int x, int y) { return static_cast<int>(at(src, x, y)); };
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      const bool last = x + 1 == w;
+      const int hor = last ? std::abs(s(w - 2, y) - s(w - 1, y)) : std::abs(s(x + 1, y) - s(x, y));
+      const int ver = last ? (y > 0 ? std::abs(at(src, 0, y - 1, w - 1) - at(src, 0, y, w - 1)) : 0)
+                           : std::abs(s(x, y > 0 ? y - 1 : 1) - s(x, y));
+      EXPECT_EQ(at(ZIRKSEMarker::m_texHor, x, y), y > 0 || !last ? hor : 0) << x << "," << y;
+      EXPECT_EQ(at(ZIRKSEMarker::m_texVer, x, y), ver) << x << "," << y;
+    }
 }
 
 // A flat box stays as it is. A textured object on flat ground: the box
 // closes in on the object plus at most a few lines of smooth ground, and
-// everything it gives up (and its own rim) becomes fixed background.
-TEST_F(PipelineAnalysis, PreProcessTightensAroundStructureOnly) {
-  setWorkingImage(filledImage(120, 90, 3, 128));
-  ZIRKSEMarker::m_labelImage = filledImage(120, 90, 1, 4);
-  setBox(5, 5, 110, 80);
-  hybrid->preProcess();
-  EXPECT_EQ(box(), cv::Rect(5, 5, 110, 80));
+// everything it gives up (and its own rim) becomes fixed background. A faint
+// 128/129 checkerboard beside a wide object of strong texture has gradient 0,
+// so it is no structure, but its step from column to column is 1 in every
+// row, a moderate mean over the box's rows: the box grows back over it.
+TEST_F(PipelineAnalysis, PreProcessTightensAroundStructureAndGrowsBackOverFaintGround) {
+  const auto run = [&](const cv::Mat& grey) {
+    setWorkingImage(filledImage(120, 90, 3, 128));
+    segtest::replace(ZIRKSEMarker::m_labelImage, filledImage(120, 90, 1, 4));
+    setBox(5, 5, 110, 80);
+    cv::Mat channels[] = {grey, grey, grey};
+    cv::merge(channels, 3, segtest::view(ZIRKSEMarker::m_srcImage));
+    hybrid->preProcess();
+    return box();
+  };
+  cv::Mat grey(90, 120, CV_8U, cv::Scalar(128));
+  EXPECT_EQ(run(grey), cv::Rect(5, 5, 110, 80));
   EXPECT_EQ(differ(ZIRKSEMarker::m_labelImage, cv::Mat(90, 120, CV_8U, cv::Scalar(4))), 0);
 
-  const cv::Rect object(40, 30, 40, 30);
-  cv::Mat noise(object.size(), CV_8U), roi = segtest::view(ZIRKSEMarker::m_srcImage)(object);
-  cv::RNG(3).fill(noise, cv::RNG::UNIFORM, 0, 256);
-  cv::Mat channels[] = {noise, noise, noise};
-  cv::merge(channels, 3, roi);
-  hybrid->preProcess();
-  const cv::Rect b = box();
+  cv::RNG(3).fill(grey(cv::Rect(40, 30, 40, 30)), cv::RNG::UNIFORM, 0, 256);
+  const cv::Rect b = run(grey);
   EXPECT_TRUE(b.x < 40 && b.y < 30 && b.br().x > 80 && b.br().y > 60) << b;
   EXPECT_EQ(b & cv::Rect(30, 20, 60, 50), b) << b;  // at most 10 lines of ground
   cv::Mat want(90, 120, CV_8U, cv::Scalar(4));
   want(cv::Rect(5, 5, 110, 80)).setTo(1);
   want(cv::Rect(b.x + 1, b.y + 1, b.width - 2, b.height - 2)).setTo(4);
   EXPECT_EQ(differ(ZIRKSEMarker::m_labelImage, want), 0);
-}
 
-// A faint 128/129 checkerboard beside a wide, flat object of strong texture:
-// its gradient is 0, so it is no structure, but its step from column to
-// column is 1 in every row, a moderate mean over the box's rows, so the box
-// grows back over all of it sideways.
-TEST_F(PipelineAnalysis, PreProcessGrowsBackOverFaintGround) {
-  setWorkingImage(filledImage(120, 90, 3, 128));
-  ZIRKSEMarker::m_labelImage = filledImage(120, 90, 1, 4);
-  setBox(5, 5, 110, 80);
-  cv::Mat grey(90, 120, CV_8U, cv::Scalar(128));
+  grey.setTo(128);
   for (int y = 40; y < 52; ++y)
     for (int x = 15 + y % 2; x < 105; x += 2) grey.at<uint8_t>(y, x) = 129;
   cv::RNG(5).fill(grey(cv::Rect(45, 40, 30, 12)), cv::RNG::UNIFORM, 0, 256);
-  cv::Mat channels[] = {grey, grey, grey};
-  cv::merge(channels, 3, segtest::view(ZIRKSEMarker::m_srcImage));
-  hybrid->preProcess();
-  const cv::Rect b = box();
-  EXPECT_TRUE(b.x <= 15 && b.br().x >= 105) << b;
+  const cv::Rect grown = run(grey);
+  EXPECT_TRUE(grown.x <= 15 && grown.br().x >= 105) << grown;
 }
 
 // The choice of the smoothness weight among the three trials, and the final

@@ -144,21 +144,15 @@ TEST_F(PipelineSegment, EveryPhotoSegmentedDirectly) {
 }
 
 // A cancel raised before the request ends it once the box is set up, before
-// any model is fitted: no result, nothing left allocated, the
-// history as it was. The next request runs normally once the flag is lowered.
-// Checking the budget between iterations leaves its timer running, so the
-// max-flow of the next iteration still sees time pass.
+// any model is fitted: no result, nothing left allocated, the history as it
+// was. Checking the budget between iterations leaves its timer running, so
+// the max-flow of the next iteration still sees time pass.
 TEST_F(PipelineSegment, CancelAndBudgetEndTheRequestAndKeepTheHistory) {
-  cv::Mat image(240, 320, CV_8UC3, cv::Scalar(40, 160, 60));
-  cv::circle(image, cv::Point(160, 120), 60, cv::Scalar(30, 30, 210), cv::FILLED);
-  start(image);
-  cv::Mat known(240, 320, CV_8U, cv::Scalar(0));
-  known(cv::Rect(10, 10, 40, 40)).setTo(255);
-  IplImage* knownMask = segtest::toIpl(known);
-  ZIRKSEManageUndoRedo::updateBitPlane(knownMask);
-  cvReleaseImage(&knownMask);
+  start(cv::Mat(240, 320, CV_8UC3, cv::Scalar(40, 160, 60)));
+  IplImage* known = filledImage(320, 240, 1, 0);
+  fillRect(known, 10, 10, 50, 50, 255);
+  ZIRKSEManageUndoRedo::updateBitPlane(known);
   const int32_t current = ZIRKSEManageUndoRedo::m_current;
-
   loop(80, 40, 240, 200);
   ZIRKSEMarker::m_exitApp = true;
   EXPECT_EQ(hybrid->segment(), nullptr);
@@ -170,18 +164,11 @@ TEST_F(PipelineSegment, CancelAndBudgetEndTheRequestAndKeepTheHistory) {
   EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, current);
   IplImage* newest = ZIRKSEManageUndoRedo::prevMask();
   ASSERT_NE(newest, nullptr);
-  EXPECT_EQ(segtest::differ(newest, known), 0);
+  EXPECT_EQ(segtest::differ(newest, view(known)), 0);
   cvReleaseImage(&newest);
+  cvReleaseImage(&known);
 
   ZIRKSEMarker::m_exitApp = false;
-  hybrid->setLabelImage(marker);
-  IplImage* mask = hybrid->segment();
-  ASSERT_NE(mask, nullptr);
-  cv::circle(known, cv::Point(160, 120), 60, cv::Scalar(255), cv::FILLED);
-  EXPECT_GT(intersectionOverUnion(view(mask), known), 0.97);
-  EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, (current + 1) % 32);
-  cvReleaseImage(&mask);
-
   g_cancelTimer = create_timer();
   start_cpu_timer(g_cancelTimer);
   EXPECT_FALSE(hybrid->cancelSegmentation());
@@ -193,9 +180,10 @@ TEST_F(PipelineSegment, CancelAndBudgetEndTheRequestAndKeepTheHistory) {
   EXPECT_TRUE(hybrid->cancelSegmentation());
 }
 
-// Without a boundary there is no band: the plain enlargement. A red disc on green ground at 200x150, segmented at 100x75: the band
-// cut recovers the round outline that the nearest enlargement turns into
-// steps, and it changes nothing away from the boundary.
+// Without a boundary there is no band: the plain enlargement. A red disc on
+// green ground at 200x150, segmented at 100x75: the band cut recovers the
+// round outline that the nearest enlargement turns into steps, and it
+// changes nothing away from the boundary.
 TEST_F(PipelineSegment, UpscalingRefinesTheOutlineOnly) {
   source(cv::Mat(48, 64, CV_8UC3, cv::Scalar(10, 20, 30)));
   ZIRKSEMarker::m_labelImage = filledImage(32, 24, 1, 1);

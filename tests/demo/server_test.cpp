@@ -1,7 +1,5 @@
-// segdemo's HTTP interface against a running server: bad input of every kind
-// gets a 4xx with a clear message and the server keeps serving; two clients
-// at once get serialised edits and never a mixed-up result; a cancelled edit
-// leaves mask and history; live-wire paths join seed and target.
+// segdemo's HTTP interface against a running server: bad input, live-wire
+// paths, concurrent and cancelled edits.
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <opencv2/imgcodecs.hpp>
@@ -138,10 +136,8 @@ TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServingPathsAndMa
   const cv::Mat changed = preview != cv::imread(kBook);
   EXPECT_LT(cv::countNonZero(changed.reshape(1)), 640 * 480 / 20);
 
-  // Live-wire paths for random seeds and targets start at the seed, end at
-  // the target, stay in the photo and move in small steps (the search runs
-  // on the photo reduced to about 0.25 megapixels: steps of 1 to 2 pixels).
-  // Every second target reuses the seed before it.
+  // Live-wire paths from random seeds (each used twice) join seed and target
+  // inside the photo in steps of 1 to 2 pixels (the search runs at 0.25 MP).
   cv::RNG rng(19);
   for (int i = 0, sx = 0, sy = 0; i < 8; ++i) {
     if (i % 2 == 0) sx = rng.uniform(0, 640), sy = rng.uniform(0, 480);
@@ -161,12 +157,10 @@ TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServingPathsAndMa
   }
 }
 
-// One client runs the rectangle again while another sends requests of every
-// kind: the other's edits are refused with 409 or are the same rectangle,
-// every mask it reads is one of the two masks before and after, and the
-// result is the rectangle's mask. Then a cancelled edit leaves the mask and
-// the whole history as they were: with a redo pending, the masks before and
-// after it come back exactly.
+// While one client runs the rectangle again, another's edits are refused
+// (409) or are the same rectangle, and every mask it reads is the one before
+// or after. A cancelled edit leaves the mask and the whole history, a pending
+// redo included, as they were.
 TEST_F(DemoServerTest, ConcurrentAndCancelledEditsLeaveConsistentMasksAndHistory) {
   loadBook();
   const std::string stroke = R"({"kind": "remove", "points": [[250, 240], [450, 240]], "radius": 10})";
@@ -245,8 +239,7 @@ TEST_F(DemoServerTest, ConcurrentAndCancelledEditsLeaveConsistentMasksAndHistory
     EXPECT_TRUE(same(mask(), after));
     ASSERT_EQ(edit(R"({"kind": "undo"})"), 200);
     EXPECT_TRUE(same(mask(), before));
-    // And the next edit runs to the end. (Its mask may differ from the
-    // first stroke's: the segmenter keeps its colour models between edits.)
+    // The next edit runs to the end (with the colour models kept, its mask may differ).
     const httplib::Result next = post("/api/edit", stroke);
     ASSERT_EQ(next->status, 200);
     EXPECT_FALSE(json::parse(next->body)["cancelled"].get<bool>());

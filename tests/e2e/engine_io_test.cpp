@@ -15,11 +15,9 @@ namespace {
 
 using e2e::EngineTest;
 
-// Sizes whose width and height differ (a swapped row/column index shows up
-// there): every source pixel comes back with its colour, made opaque, and
-// marker ints over the whole int range are saturated into bytes. The
-// caller's buffers are only read. (Path points are clamped and written back:
-// the robustness suite checks that.)
+// Sizes whose width and height differ: every source pixel comes back with
+// its colour, made opaque, and marker ints are saturated into bytes. The
+// caller's buffers are only read.
 TEST_F(EngineTest, SourceAndMarkersKeepTheirValues) {
   std::mt19937 rng(11);
   for (const cv::Size size :
@@ -50,9 +48,9 @@ std::vector<unsigned char> applyMarks(std::vector<unsigned char> mask, const std
 }
 
 // Without markers a request shows the source and hands back no mask. Then
-// the marks become the mask, merged into the previous one and recorded, and
-// the history walks back to the plain source and forward to the newest mask.
-// The width is no multiple of 4, so every column band of the mask writer counts.
+// the marks become the mask, merged into the previous one and recorded; the
+// history walks back to the plain source and forward. The width is no
+// multiple of 4, so every column band of the mask writer counts.
 TEST_F(EngineTest, CutOutTakesTheMarksAsTheMaskAndRecordsIt) {
   const int w = 50, h = 36;
   const std::vector<unsigned int> src = e2e::opaque(e2e::randomArgb(w, h, 21));

@@ -1,12 +1,8 @@
-// Masks must not change when the engine gets faster. Every shared photo is cut
-// from its rectangle, and a few photos get scripted corrective edits: brush
-// strokes where the stored rectangle mask is wrong and loops placed from the
-// ground truth, so the script depends only on stored data, not on the masks
-// it checks. Each mask is compared with the stored
-// reference in reference_masks.txt. The minimum cut is canonical, so any
-// exact solver reproduces the masks; the tolerance only admits a float
-// rounding tie decided the other way: at most 0.05 % of a photo's pixels.
-//
+// Masks must not change when the engine gets faster. Every photo is cut from
+// its rectangle, and a few get corrective edits placed from stored data only
+// (strokes where the stored rectangle mask is wrong, loops from the ground
+// truth); each mask is compared with reference_masks.txt. The minimum cut is
+// canonical; the tolerance (0.05 % of the pixels) only admits rounding ties.
 // SEGCORE_WRITE_REFERENCE=<file> writes the references instead of checking.
 #include <cmath>
 #include <cstdlib>

@@ -18,15 +18,13 @@
 
 namespace {
 
-// Neighbour offsets in link-slot order: down-right, right, up-right, up,
-// up-left, left, down-left, down.
+// Neighbour offsets in link-slot order: down-right, right, up-right, up, ...
 const int kDr[8] = {1, 0, -1, -1, -1, 0, 1, 1};
 const int kDc[8] = {1, 1, 1, 0, -1, -1, -1, 0};
 
-// Directed link costs, as the caller documents them: outside -> DBL_MAX; a
-// step between object (2, 4) and background (1, 3) costs 0 but makes the
-// pixel's down-right step DBL_MAX; otherwise
-// sqrt(((1-a)/3)*|dcolour|^2 + a*|dstep|^2).
+// Directed link costs as documented: outside DBL_MAX; a step between object
+// (2, 4) and background (1, 3) costs 0 but makes the pixel's down-right step
+// DBL_MAX; otherwise sqrt(((1-a)/3)*|dcolour|^2 + a*|dstep|^2).
 std::vector<std::vector<double>> linkCosts(const cv::Mat& colour, const cv::Mat& labels, double alpha) {
   const int w = colour.cols, h = colour.rows;
   auto side = [&](int r, int c) {  // +1 object, -1 background, 0 neither
@@ -54,8 +52,7 @@ std::vector<std::vector<double>> linkCosts(const cv::Mat& colour, const cv::Mat&
 }
 
 // Textbook Dijkstra, picking the cheapest unsettled pixel by a linear scan.
-// DBL_MAX links are never usable; NaN links (alpha above 1) fail every
-// comparison, as they would anywhere.
+// DBL_MAX links are never usable; NaN links (alpha above 1) fail every comparison.
 std::vector<double> plainDijkstra(const std::vector<std::vector<double>>& cost, int w, int h, int seed) {
   std::vector<double> dist(cost.size(), DBL_MAX);
   std::vector<bool> done(cost.size(), false);
@@ -76,12 +73,10 @@ std::vector<double> plainDijkstra(const std::vector<std::vector<double>>& cost, 
 
 bool near(double a, double b) { return std::fabs(a - b) <= 1e-9 * (1 + std::fabs(b)); }
 
-// Random images (few colour levels give ties; one to six label kinds) and
-// seeds in corners or anywhere. Costs must equal the reference distances;
-// a reached pixel's parent is a neighbour whose distance plus the link is
-// its own, the chain ends at the seed; unreached pixels have parent -1. With
-// alpha 2 steps between very different colours have no real cost, so some
-// pixels stay unreached.
+// Random images (few colour levels give ties; one to six label kinds), seeds
+// in corners or anywhere. Costs equal the reference distances; a reached
+// pixel's parent is a neighbour whose distance plus the link is its own, the
+// chain ends at the seed; unreached pixels (alpha 2 makes some) have parent -1.
 TEST(LiveWire, CostsAndParentsMatchAPlainDijkstraOnRandomImages) {
   std::mt19937 rng(2024);
   int unreached = 0;
@@ -131,9 +126,8 @@ TEST(LiveWire, CostsAndParentsMatchAPlainDijkstraOnRandomImages) {
   EXPECT_GT(unreached, 0);  // the case was exercised
 }
 
-// Random pushes, pops and key decreases (as the search does them). Every pop
-// returns the least weight and an id holding it; ties may come in any order.
-// Emptied, the queue hands out its sentinel.
+// Random pushes, pops and key decreases: every pop returns the least weight
+// and an id holding it (ties in any order); emptied, the queue gives its sentinel.
 TEST(MinPriorityQueue, AgreesWithASortedMultiset) {
   std::mt19937 rng(99);
   for (int round = 0; round < 400; ++round) {

@@ -1,7 +1,6 @@
-// The box around the marks; neighbour weights against exp(-beta |p - q|^2)
-// evaluated directly, and the graphs read back from their node and arc arrays
-// against capacities computed here from the colour models, the stored
-// weights and the contrast formula.
+// Neighbour weights against exp(-beta |p - q|^2) evaluated directly, the
+// graphs' node and arc arrays against capacities computed here, the box
+// around the marks.
 #include <cmath>
 #include <string>
 
@@ -70,11 +69,9 @@ class CoreGraph : public segtest::SegmenterTest {
   }
 };
 
-// Random images (a narrow value range included), a uniform one (beta 0:
-// every weight 1, diagonals 1/sqrt 2) and 0/255 checkerboards: at 100 x 100
-// the sum lies between 2^31 and 2^32 (negative once wrapped: beta 0), at
-// 150 x 150 it passes 2^32 and wraps to a small positive value. A single
-// pixel has no pairs: zero weights.
+// Random images, a uniform one (beta 0) and 0/255 checkerboards, whose sum
+// wraps negative at 100 x 100 (beta 0) and small positive at 150 x 150. A
+// single pixel has no pairs: zero weights.
 TEST_F(CoreGraph, WeightsFollowTheContrastFormula) {
   std::mt19937 rng(20240611);
   const struct { int w, h, lo, hi; } cases[] = {{2, 1, 0, 255},   {3, 5, 0, 255},   {17, 11, 0, 255},   {40, 30, 100, 110},
@@ -104,9 +101,9 @@ TEST_F(CoreGraph, WeightsFollowTheContrastFormula) {
   for (int k = 0; k < 4; ++k) EXPECT_EQ(hybrid->m_nlinks[k], 0.0f) << k;
 }
 
-// Box graphs (filled twice: the second fill starts from scratch) over random
-// weights, crops and labels: colour, grey (features are the intensity and the
-// texture maps at the pixel's place in the whole image), one pixel wide.
+// Box graphs, filled twice (the second from scratch), over random weights,
+// crops and labels: colour, grey (intensity and the texture maps at the
+// pixel's place in the whole image), one pixel wide.
 TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
   const struct { int imageW, imageH, x0, y0, w, h; bool grey; } cases[] = {
       {23, 17, 4, 3, 12, 9, false}, {15, 12, 2, 5, 10, 6, true}, {4, 8, 3, 1, 1, 6, false}};
@@ -151,9 +148,8 @@ TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
 }
 
 // The refinement band's graph: trimap 1/2 fixed, 7 outside the band with no
-// links at all (such pixels stay free after the cut), horizontal links lamda,
-// the others lamda times the contrast (diagonals by 1/sqrt 2); grey mode
-// takes the feature images.
+// links (free after the cut), horizontal links lamda, the others lamda times
+// the contrast; grey mode takes the feature images.
 TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
   std::mt19937 rng(17);
   makeModels();
@@ -195,11 +191,9 @@ TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
 
 class CoreBoundingBox : public segtest::SegmenterTest {};
 
-// The box around the marks (corners inclusive) and, for a box request or a
-// loop, the area threshold: a box request's unknown and estimated-object
-// labels, an adding brush's ring (4), a removing one's (3), a loop's points in
-// source pixels at factor 2 (it touches the top-left corner, so the margin
-// appears only right and below).
+// The box around a box request's unknown and estimated-object labels, a
+// brush's ring (4 adding, 3 removing), a loop's points in source pixels at
+// factor 2 (touching the corner: margin only right and below); the area threshold.
 TEST_F(CoreBoundingBox, FromTheLoopPointsOrTheLabels) {
   setWorkingImage(segtest::filledImage(100, 80, 3, 50));
   ZIRKSEMarker::m_labelImage = segtest::filledImage(100, 80, 1, 1);

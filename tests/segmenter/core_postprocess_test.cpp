@@ -61,10 +61,9 @@ class CorePostProcess : public segtest::SegmenterTest {
   }
 };
 
-// Islands: one of 1000 pixels (threshold 100), then 150 of 100 (kept) and 150
-// of 99 (dropped); holes: 300 of one pixel and two of four touching only
-// diagonally (filled), 40 of five (kept). Byte-sized region labels would wrap
-// after 253 regions and mix them up. Then random blobs and speckle.
+// Islands of 1000, 100 (kept) and 99 (dropped) pixels; holes of one pixel,
+// of four touching diagonally (filled) and of five (kept), in numbers beyond
+// byte-sized region labels. Then random blobs and speckle.
 TEST_F(CorePostProcess, LoopDropsSmallIslandsAndFillsSmallHoles) {
   cv::Mat m(150, 420, CV_8U, cv::Scalar(0));
   m(cv::Rect(0, 0, 100, 10)).setTo(255);
@@ -133,9 +132,9 @@ TEST_F(CorePostProcess, RemovingLoopOnlyRemovesInsideTheScaledBox) {
   cvReleaseImage(&mask);
 }
 
-// Box (3, 2) of 30 x 20 over an image whose columns 3, 4 and rows 2..5 and
-// 19..21 are black: content spans box columns 2..29 and rows 4..16; the bars
-// become fixed background. Without bars, or without content, nothing moves.
+// Box (3, 2) of 30 x 20, black columns 3, 4 and rows 2..5, 19..21: the box
+// moves to the content and the bars become fixed background. Without bars,
+// or without content, nothing moves.
 TEST_F(CorePostProcess, LetterboxBarsBecomeBackgroundAndTheBoxMoves) {
   std::mt19937 rng(8);
   for (int kind = 0; kind < 3; ++kind) {

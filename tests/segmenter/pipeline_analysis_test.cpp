@@ -35,23 +35,17 @@ TEST_F(PipelineAnalysis, GreyAndBorderTestsAtTheirThresholds) {
   cvReleaseImage(&mask);
 }
 
-// Neighbour differences of channel 0; row 0 looks down, the last column looks
-// left, and its vertical step reads the byte at offset w - 1 of each row.
+// Inside the image, the maps are the differences of channel 0 to the right
+// and to the row above.
 TEST_F(PipelineAnalysis, TextureMapsMatchNeighbourDifferences) {
   std::mt19937 rng(11);
-  const int w = 7, h = 5;
-  IplImage* src = segtest::randomImage(w, h, 3, rng);
+  IplImage* src = segtest::randomImage(7, 5, 3, rng);
   segtest::replace(ZIRKSEMarker::m_srcImage, src);
   hybrid->computeTexture();
-  auto s = [&](int x, int y) { return static_cast<int>(at(src, x, y)); };
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) {
-      const bool last = x + 1 == w;
-      const int hor = last ? std::abs(s(w - 2, y) - s(w - 1, y)) : std::abs(s(x + 1, y) - s(x, y));
-      const int ver = last ? (y > 0 ? std::abs(at(src, 0, y - 1, w - 1) - at(src, 0, y, w - 1)) : 0)
-                           : std::abs(s(x, y > 0 ? y - 1 : 1) - s(x, y));
-      EXPECT_EQ(at(ZIRKSEMarker::m_texHor, x, y), y > 0 || !last ? hor : 0) << x << "," << y;
-      EXPECT_EQ(at(ZIRKSEMarker::m_texVer, x, y), ver) << x << "," << y;
+  for (int y = 1; y < 5; ++y)
+    for (int x = 0; x + 1 < 7; ++x) {
+      EXPECT_EQ(at(ZIRKSEMarker::m_texHor, x, y), std::abs(at(src, x + 1, y) - at(src, x, y))) << x << "," << y;
+      EXPECT_EQ(at(ZIRKSEMarker::m_texVer, x, y), std::abs(at(src, x, y - 1) - at(src, x, y))) << x << "," << y;
     }
 }
 
@@ -93,10 +87,8 @@ TEST_F(PipelineAnalysis, PreProcessTightensAroundStructureAndGrowsBackOverFaintG
 }
 
 // The choice of the smoothness weight among the three trials, and the final
-// edge check of homogenous images. Trials are built by hand: a crop of flat
-// grey 128 in which each trial's object is painted either as a flat bright
-// block (its boundary contrast beats the inside: passes the contrast test)
-// or as black/white stripes (inside contrast wins: fails it).
+// edge check. Each trial's object is painted on flat grey as a bright block
+// (passes the contrast test) or as black/white stripes (fails it).
 class PipelineLamda : public segtest::SegmenterTest {
  protected:
   void SetUp() override {
@@ -122,10 +114,9 @@ class PipelineLamda : public segtest::SegmenterTest {
   }
 };
 
-// Trials use truncated weights (13.513 runs as 13) and start from the user's
-// labels; later iterations only refit. No trial passing the contrast test
-// chooses trial 0, run with its full weight; less than 100 kept pixels choose
-// the fall-back weight with the user's labels.
+// Trials run with truncated weights from the user's labels; later iterations
+// only refit. No trial passing chooses trial 0 at its full weight; under 100
+// kept pixels choose the fall-back weight with the user's labels.
 TEST_F(PipelineLamda, TrialWeightsAndTheRunAfterTheChoice) {
   cvSet(hybrid->m_cropLabelImage, cvScalarAll(4));
   expectRun(1, 2, 13.0, hybrid->m_initLabelImage);
@@ -149,13 +140,10 @@ TEST_F(PipelineLamda, TrialWeightsAndTheRunAfterTheChoice) {
   expectRun(3, 2, 3.0, hybrid->m_initLabelImage);
 }
 
-// Among spanning trials (trial 0 empty: fails the contrast test) the smallest
-// wins, ties the earlier. Non-spanning
-// ones are judged by the spread of their areas: similar areas choose the
-// second-last member, very different ones the last; a single member is chosen
-// when large enough. Only the largest parts of a trial count: a crowd of
-// isolated pixels (far more parts than 8-bit labels hold) next to a block
-// leaves the block.
+// Among spanning trials the smallest wins, ties the earlier. Others are
+// judged by the spread of their areas: similar areas choose the second-last
+// member, very different ones the last, a single one when large enough. Only
+// a trial's largest parts count, even beyond 255 parts.
 TEST_F(PipelineLamda, SpanningTrialsFirstThenTheSpreadOfTheAreas) {
   trial(1, 4, 4, 76, 56, true);
   trial(2, 4, 4, 76, 56, true);
@@ -185,9 +173,8 @@ TEST_F(PipelineLamda, SpanningTrialsFirstThenTheSpreadOfTheAreas) {
   EXPECT_EQ(choose(), 1);
 }
 
-// A sharp black square and a faint one (edge magnitude 48) on white. The
-// first trial is the fall-back only when it followed strong edges better than
-// the final labels; one on faint edges or an empty one never is.
+// A sharp and a faint (edge magnitude 48) square on white: the first trial is
+// the fall-back only when it followed strong edges better than the final labels.
 TEST_F(PipelineLamda, ChooseIterFallsBackToTheFirstTrialOnlyWhenItFollowedTheEdges) {
   cvSet(hybrid->m_cropSrcImage, cvScalarAll(255));
   fillRect(hybrid->m_cropSrcImage, 20, 15, 50, 45, 0);

@@ -1,6 +1,5 @@
-// The colour model: mixture densities against a direct formula, diagonal
-// loading, the simplicity test and EM; training samples from labelled
-// images; k-means on separated blobs, threaded and not.
+// The colour model against direct formulas, training samples from labelled
+// images, k-means on separated blobs.
 #include <gtest/gtest.h>
 #include <opencv2/core/core_c.h>
 
@@ -139,11 +138,7 @@ TEST_F(ColorModel, DensitiesMatchDirectFormulas) {
 // means (0, 50, 0) and (x1, 50, z1).
 TEST_F(ColorModel, SimplicityTestThresholds) {
   const double nan = std::nan("");
-  const struct {
-    const char* what;
-    double w0, w1, d0, d1, x1, z1;
-    bool simple;
-  } rows[] = {
+  const struct { const char* what; double w0, w1, d0, d1, x1, z1; bool simple; } rows[] = {
       {"means closer than 100", 0.5, 0.5, 50, 50, 99.99, 0, true},
       {"100 apart, a dominant determinant of 1", 0.5, 0.5, 0.5, 1.0, 100, 0, false},
       {"weight 0.05 is not significant", 0.95, 0.05, 50, 50, 1000, 0, true},
@@ -193,8 +188,6 @@ TEST_F(ColorModel, EmShortListsAndOneStep) {
     EXPECT_LT(cv::norm(cv::Matx33d(m.m_covariance[k]) - want.cov), 1e-6 * (1 + cv::norm(want.cov)));
   }
 }
-
-// ---- Training samples and fits.
 
 const pixelVal kPad{10, 20, 30};
 
@@ -250,8 +243,6 @@ TEST_F(ColorModel, ExtractSortsPadsAndReadsTextureAtTheBoxOffset) {
   EXPECT_EQ(log.countPrefix("Error", "extractTrainingData"), 1) << log.dump();
 }
 
-// ---- k-means.
-
 struct KMeansRun {
   std::vector<int> labels;
   std::vector<pixelVal> centres;
@@ -267,10 +258,9 @@ KMeansRun runKMeans(std::vector<pixelVal> s, int maxIterations = 10) {
   return r;
 }
 
-// Each blob ends in its own cluster whose centre is the blob's mean; the
-// same input gives the same labels and centres whatever state the C
-// library's generator was left in, and whether the quarters run on four
-// threads or on the calling thread. The iteration limit ends the loop. No
+// Each blob ends in its own cluster centred on the blob's mean, the same
+// whatever state the C library's generator was left in and whether the
+// quarters run on four threads or one; the iteration limit ends the loop; no
 // samples are refused.
 TEST(KMeans, RecoversFiveSeparatedBlobsDeterministically) {
   std::mt19937 rng(3);  // five separated blobs of different sizes and spreads

@@ -134,11 +134,7 @@ std::vector<unsigned int> patchScene(int w, int h, const cv::Rect& patch) {
 // it (then the boundary is refined at full size): the cut is the patch,
 // pixel for pixel, and the rectangle's border is the path.
 TEST_F(EngineTest, RectangleAroundAPatchCutsExactlyThePatch) {
-  const struct {
-    int w, h;
-    cv::Rect patch;
-    int x1, y1, x2, y2;
-  } cases[] = {
+  const struct { int w, h; cv::Rect patch; int x1, y1, x2, y2; } cases[] = {
       {80, 60, cv::Rect(20, 15, 40, 30), 20, 15, 59, 44},  // on the patch's border
       {80, 60, cv::Rect(20, 15, 40, 30), 14, 9, 65, 50},   // a few pixels around it
       {80, 60, cv::Rect(20, 15, 40, 30), 74, 54, 5, 5},    // corners given the other way round
@@ -156,8 +152,7 @@ TEST_F(EngineTest, RectangleAroundAPatchCutsExactlyThePatch) {
     truth(c.patch).setTo(255);
     EXPECT_EQ(cv::countNonZero(e2e::objectOf(mask, c.w, c.h) != truth), 0);
     EXPECT_FALSE(canUndo() || canRedo()) << "one mask in the history";
-    // The path is the fitted rectangle's border, clockwise from its top-left
-    // corner, distinct points one step apart.
+    // The path: the fitted rectangle's border clockwise from its top-left, in steps of one.
     const cv::Rect fit =
         cv::Rect(0, 0, c.w, c.h) & cv::Rect(cv::Point(std::min(c.x1, c.x2), std::min(c.y1, c.y2)),
                                             cv::Point(std::max(c.x1, c.x2) + 1, std::max(c.y1, c.y2) + 1));

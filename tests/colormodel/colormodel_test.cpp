@@ -189,16 +189,14 @@ TEST_F(ColorModel, EmShortListsAndOneStep) {
   }
 }
 
-const pixelVal kPad{10, 20, 30};
-
-// Samples as triples comparable with EXPECT_EQ; padded to five with kPad.
+// Samples as triples comparable with EXPECT_EQ; a list padded to five with (10, 20, 30).
 std::vector<cv::Vec3d> triples(const std::vector<pixelVal>& s) {
   std::vector<cv::Vec3d> t;
   for (const pixelVal& p : s) t.push_back(vec(p));
   return t;
 }
 std::vector<cv::Vec3d> padded(std::vector<cv::Vec3d> t) {
-  t.resize(std::max<size_t>(t.size(), 5), vec(kPad));
+  t.resize(std::max<size_t>(t.size(), 5), cv::Vec3d(10, 20, 30));
   return t;
 }
 

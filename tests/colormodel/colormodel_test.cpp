@@ -1,6 +1,5 @@
-// The colour model: mixture densities against a direct formula, diagonal
-// loading, the simplicity test and EM; training samples from labelled
-// images; k-means on separated blobs, threaded and not.
+// The colour model against direct formulas, training samples from labelled
+// images, k-means on separated blobs.
 #include <gtest/gtest.h>
 #include <opencv2/core/core_c.h>
 
@@ -92,7 +91,7 @@ ZIRKSEColorModel randomModel(std::mt19937& rng) {
 }
 
 // Colour densities against the direct formula, the grey densities against
-// the one-dimensional formula on channel 0.
+// the one-dimensional formula on channel 0; an empty model.
 TEST_F(ColorModel, DensitiesMatchDirectFormulas) {
   std::mt19937 rng(7);
   for (int trial = 0; trial < 50; ++trial) {
@@ -117,43 +116,29 @@ TEST_F(ColorModel, DensitiesMatchDirectFormulas) {
   ZIRKSEColorModel fresh;
   EXPECT_EQ(fresh.GMMProb(pixelVal{1, 2, 3}), 0.0);
   EXPECT_EQ(fresh.assignCluster(pixelVal{1, 2, 3}), 0);
-}
 
-// A singular covariance gets the noise level added to its diagonal until the
-// determinant exceeds epsilon; a noise level of 0 (its value before the
-// engine starts) falls back to 0.1 with a log line. A NaN covariance
-// switches its component off (instead of looping forever); the others count.
-TEST_F(ColorModel, SingularCovarianceIsLoadedOnTheDiagonal) {
-  LogCapture log;
+  // A singular covariance is loaded on its diagonal (a noise level of 0, its
+  // value before the engine starts, falls back to 0.1); a NaN one switches its
+  // component off instead of looping forever, and the others still count.
   ZIRKSEMarker::m_noiseLevel = 0.0;
-  ZIRKSEColorModel m;
-  m.m_weight[1] = 1.0;
-  m.m_mean[1][0] = 10;
-  refresh(&m);
-  for (int i = 0; i < 9; ++i) EXPECT_NEAR(m.m_covariance[1][i], i % 4 == 0 ? 0.1 : 0.0, 1e-12);
-  EXPECT_NEAR(m.gaussianProb(1, pixelVal{10, 0, 0}), std::pow(0.1, -1.5), 1e-9);
-  EXPECT_EQ(log.countPrefix("Error", "setInverseCovariance"), 1) << log.dump();
-  std::mt19937 rng(5);
   ZIRKSEColorModel z = randomModel(rng);
-  std::vector<pixelVal> x;
-  blob(rng, z.m_mean[2], 3.0, 1, &x);
-  double others = 0;
-  for (int k = 0; k < 5; ++k) others += k == 2 ? 0.0 : z.m_weight[k] * density(z.m_mean[k], z.m_covariance[k], x[0]);
+  std::fill_n(z.m_covariance[1], 9, 0.0);
   z.m_covariance[2][4] = std::numeric_limits<double>::quiet_NaN();
   refresh(&z);
-  EXPECT_EQ(z.gaussianProb(2, x[0]), 0.0);
-  EXPECT_NEAR(z.GMMProb(x[0]), others, 1e-9 * others);
+  for (int i = 0; i < 9; ++i) EXPECT_NEAR(z.m_covariance[1][i], i % 4 == 0 ? 0.1 : 0.0, 1e-12);
+  EXPECT_NEAR(z.gaussianProb(1, pixelVal{z.m_mean[1][0], z.m_mean[1][1], z.m_mean[1][2]}), std::pow(0.1, -1.5), 1e-9);
+  const pixelVal x{z.m_mean[2][0], z.m_mean[2][1], z.m_mean[2][2]};
+  double others = 0;
+  for (int k = 0; k < 5; ++k) others += k == 2 ? 0.0 : z.m_weight[k] * density(z.m_mean[k], z.m_covariance[k], x);
+  EXPECT_EQ(z.gaussianProb(2, x), 0.0);
+  EXPECT_NEAR(z.GMMProb(x), others, 1e-9 * others + 1e-300);
 }
 
 // colorModelCriteria on two components: weights w0, w1, determinants d0, d1,
 // means (0, 50, 0) and (x1, 50, z1).
 TEST_F(ColorModel, SimplicityTestThresholds) {
   const double nan = std::nan("");
-  const struct {
-    const char* what;
-    double w0, w1, d0, d1, x1, z1;
-    bool simple;
-  } rows[] = {
+  const struct { const char* what; double w0, w1, d0, d1, x1, z1; bool simple; } rows[] = {
       {"means closer than 100", 0.5, 0.5, 50, 50, 99.99, 0, true},
       {"100 apart, a dominant determinant of 1", 0.5, 0.5, 0.5, 1.0, 100, 0, false},
       {"weight 0.05 is not significant", 0.95, 0.05, 50, 50, 1000, 0, true},
@@ -204,18 +189,14 @@ TEST_F(ColorModel, EmShortListsAndOneStep) {
   }
 }
 
-// ---- Training samples and fits.
-
-const pixelVal kPad{10, 20, 30};
-
-// Samples as triples comparable with EXPECT_EQ; padded to five with kPad.
+// Samples as triples comparable with EXPECT_EQ; a list padded to five with (10, 20, 30).
 std::vector<cv::Vec3d> triples(const std::vector<pixelVal>& s) {
   std::vector<cv::Vec3d> t;
   for (const pixelVal& p : s) t.push_back(vec(p));
   return t;
 }
 std::vector<cv::Vec3d> padded(std::vector<cv::Vec3d> t) {
-  t.resize(std::max<size_t>(t.size(), 5), vec(kPad));
+  t.resize(std::max<size_t>(t.size(), 5), cv::Vec3d(10, 20, 30));
   return t;
 }
 
@@ -260,8 +241,6 @@ TEST_F(ColorModel, ExtractSortsPadsAndReadsTextureAtTheBoxOffset) {
   EXPECT_EQ(log.countPrefix("Error", "extractTrainingData"), 1) << log.dump();
 }
 
-// ---- k-means.
-
 struct KMeansRun {
   std::vector<int> labels;
   std::vector<pixelVal> centres;
@@ -277,10 +256,9 @@ KMeansRun runKMeans(std::vector<pixelVal> s, int maxIterations = 10) {
   return r;
 }
 
-// Each blob ends in its own cluster whose centre is the blob's mean; the
-// same input gives the same labels and centres whatever state the C
-// library's generator was left in, and whether the quarters run on four
-// threads or on the calling thread. The iteration limit ends the loop. No
+// Each blob ends in its own cluster centred on the blob's mean, the same
+// whatever state the C library's generator was left in and whether the
+// quarters run on four threads or one; the iteration limit ends the loop; no
 // samples are refused.
 TEST(KMeans, RecoversFiveSeparatedBlobsDeterministically) {
   std::mt19937 rng(3);  // five separated blobs of different sizes and spreads

@@ -1,7 +1,5 @@
-// segdemo's HTTP interface against a running server: bad input of every kind
-// gets a 4xx with a clear message and the server keeps serving; two clients
-// at once get serialised edits and never a mixed-up result; a cancelled edit
-// leaves mask and history; live-wire paths join seed and target.
+// segdemo's HTTP interface against a running server: bad input, live-wire
+// paths, concurrent and cancelled edits.
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <opencv2/imgcodecs.hpp>
@@ -87,38 +85,26 @@ struct BadRequest {
   std::string message;  // part of the error message
 };
 
+// One request of each kind of refusal: no photo yet, an upload that is no
+// image or too large, a body that is not the edit asked for, a point outside
+// the photo, too many points, nothing to undo, a photo replaced since, an
+// unknown path.
 TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServingPathsAndMasks) {
   std::string million = R"({"kind": "add", "points": [)";
   for (int i = 0; i < 1000000; ++i) million += i ? ",[1,1]" : "[1,1]";
   million += "]}";
-  const std::string book = readFile(kBook);
-  const cv::Mat big(1500, 2000, CV_8UC3, cv::Scalar(40, 90, 160));      // 3 MP, above the test's 2 MP
-  const cv::Mat bigBmp(1200, 1800, CV_8UC3, cv::Scalar(40, 90, 160));   // 2.16 MP, no size in a header read
-  const std::vector<BadRequest> beforePhoto = {
-      {"edit before a photo", "POST", "/api/edit", kRect, 409, "no photo yet"},
-      {"mask before a photo", "GET", "/api/mask.png", "", 404, "no photo yet"},
-      {"live wire before a photo", "POST", "/api/livewire", R"({"seed": [1, 1], "to": [5, 5]})", 409, "no photo yet"},
-  };
+  const cv::Mat big(1500, 2000, CV_8UC3, cv::Scalar(40, 90, 160));  // 3 MP, above the test's 2 MP
   const std::vector<BadRequest> withPhoto = {
-      {"empty upload", "POST", "/api/image", "", 400, "empty body"},
-      {"truncated JPEG", "POST", "/api/image", book.substr(0, 300), 400, "not an image"},
+      {"truncated JPEG", "POST", "/api/image", readFile(kBook).substr(0, 300), 400, "not an image"},
       {"PNG above the pixel limit", "POST", "/api/image", encode(big, ".png"), 413, "2000x1500 (3 megapixels)"},
-      {"BMP above the pixel limit", "POST", "/api/image", encode(bigBmp, ".bmp"), 413, "1800x1200"},
       {"upload above the byte limit", "POST", "/api/image", std::string(9u << 20, 'x'), 413, "larger than 8388608 bytes"},
       {"malformed JSON", "POST", "/api/edit", R"({"kind": "rect", )", 400, "not valid JSON"},
-      {"JSON that is no object", "POST", "/api/edit", "[1, 2]", 400, "JSON object"},
       {"unknown kind", "POST", "/api/edit", R"({"kind": "spiral"})", 400, "unknown kind \"spiral\""},
-      {"rect of three numbers", "POST", "/api/edit", R"({"kind": "rect", "rect": [1, 2, 3]})", 400, "[x1, y1, x2, y2]"},
       {"rect past the right edge", "POST", "/api/edit", R"({"kind": "rect", "rect": [0, 0, 640, 10]})", 400,
        "point (640, 10) is outside the 640x480 photo"},
-      {"rect of strings", "POST", "/api/edit", R"({"kind": "rect", "rect": ["a", 0, 10, 10]})", 400, "two integers"},
-      {"loop of two points", "POST", "/api/edit", R"({"kind": "loop", "points": [[1, 1], [5, 5]]})", 400, "at least 3"},
-      {"radius 0", "POST", "/api/edit", R"({"kind": "add", "points": [[5, 5]], "radius": 0})", 400, "\"radius\""},
       {"a million points", "POST", "/api/edit", million, 400, "1000000 points; the limit is 100000"},
       {"undo with nothing to undo", "POST", "/api/edit", R"({"kind": "undo"})", 409, "nothing to undo"},
-      {"edit for a photo replaced since", "POST", "/api/edit", R"({"kind": "redo", "image": 999})", 409, "another page"},
       {"mask of a photo replaced since", "GET", "/api/mask.png?image=999", "", 409, "another page"},
-      {"live wire seed outside", "POST", "/api/livewire", R"({"seed": [700, 1], "to": [5, 5]})", 400, "outside"},
       {"unknown path", "GET", "/api/photo.tiff", "", 404, "no such resource"},
   };
   auto check = [&](const BadRequest& c) {
@@ -132,7 +118,7 @@ TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServingPathsAndMa
     ASSERT_TRUE(j.is_object() && j.contains("error") && j["error"].is_string()) << r->body;
     EXPECT_NE(j["error"].get<std::string>().find(c.message), std::string::npos) << j["error"];
   };
-  for (const BadRequest& c : beforePhoto) check(c);
+  check({"edit before a photo", "POST", "/api/edit", kRect, 409, "no photo yet"});
   loadBook();
   for (const BadRequest& c : withPhoto) check(c);
 
@@ -150,10 +136,8 @@ TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServingPathsAndMa
   const cv::Mat changed = preview != cv::imread(kBook);
   EXPECT_LT(cv::countNonZero(changed.reshape(1)), 640 * 480 / 20);
 
-  // Live-wire paths for random seeds and targets start at the seed, end at
-  // the target, stay in the photo and move in small steps (the search runs
-  // on the photo reduced to about 0.25 megapixels: steps of 1 to 2 pixels).
-  // Every second target reuses the seed before it.
+  // Live-wire paths from random seeds (each used twice) join seed and target
+  // inside the photo in steps of 1 to 2 pixels (the search runs at 0.25 MP).
   cv::RNG rng(19);
   for (int i = 0, sx = 0, sy = 0; i < 8; ++i) {
     if (i % 2 == 0) sx = rng.uniform(0, 640), sy = rng.uniform(0, 480);
@@ -173,12 +157,10 @@ TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServingPathsAndMa
   }
 }
 
-// One client runs the rectangle again while another sends requests of every
-// kind: the other's edits are refused with 409 or are the same rectangle,
-// every mask it reads is one of the two masks before and after, and the
-// result is the rectangle's mask. Then a cancelled edit leaves the mask and
-// the whole history as they were: with a redo pending, the masks before and
-// after it come back exactly.
+// While one client runs the rectangle again, another's edits are refused
+// (409) or are the same rectangle, and every mask it reads is the one before
+// or after. A cancelled edit leaves the mask and the whole history, a pending
+// redo included, as they were.
 TEST_F(DemoServerTest, ConcurrentAndCancelledEditsLeaveConsistentMasksAndHistory) {
   loadBook();
   const std::string stroke = R"({"kind": "remove", "points": [[250, 240], [450, 240]], "radius": 10})";
@@ -257,8 +239,7 @@ TEST_F(DemoServerTest, ConcurrentAndCancelledEditsLeaveConsistentMasksAndHistory
     EXPECT_TRUE(same(mask(), after));
     ASSERT_EQ(edit(R"({"kind": "undo"})"), 200);
     EXPECT_TRUE(same(mask(), before));
-    // And the next edit runs to the end. (Its mask may differ from the
-    // first stroke's: the segmenter keeps its colour models between edits.)
+    // The next edit runs to the end (with the colour models kept, its mask may differ).
     const httplib::Result next = post("/api/edit", stroke);
     ASSERT_EQ(next->status, 200);
     EXPECT_FALSE(json::parse(next->body)["cancelled"].get<bool>());

@@ -1,6 +1,5 @@
-// Helpers of the end-to-end suites, which drive the engine through the
-// caller's header: the fixture that tears the engine down after every test,
-// caller-side buffers, and checks on what the engine hands back.
+// Helpers of the end-to-end tests, which drive the engine through the
+// caller's header.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,9 +34,8 @@ inline std::vector<unsigned int> opaque(std::vector<unsigned int> argb) {
   return argb;
 }
 
-// Under emulation a heavy photo can spend the engine's 10 s budget: the
-// request then hands back no mask (the buffer keeps its fill value), which
-// says nothing about the code. Native builds never take this way out.
+// Under emulation a heavy photo can spend the 10 s budget and hand back no
+// mask (the buffer keeps its fill); native builds never take this way out.
 inline bool budgetSpentUnderEmulation(const std::vector<unsigned char>& mask, unsigned char fill,
                                       const std::string& name) {
   if (!SEGCORE_EMULATED || std::count(mask.begin(), mask.end(), fill) != static_cast<long>(mask.size()))
@@ -51,10 +49,9 @@ inline cv::Mat objectOf(const std::vector<unsigned char>& mask, int width, int h
   return cv::Mat(height, width, CV_8U, const_cast<unsigned char*>(mask.data())) == 0;
 }
 
-// The preview is the source everywhere except opaque yellow outline pixels,
-// each within 2 pixels of the object's edge (a pixel with a 4-neighbour on
-// the other side; beyond the border counts as background); an object that
-// has an edge gets at least one outline pixel.
+// The preview is the source except opaque yellow outline pixels within 2
+// pixels of the object's edge (beyond the border is background); an object
+// with an edge gets at least one.
 inline ::testing::AssertionResult previewOutlinesObject(const std::vector<unsigned int>& preview,
                                                         const std::vector<unsigned int>& source,
                                                         const cv::Mat& object) {

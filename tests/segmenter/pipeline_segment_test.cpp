@@ -1,6 +1,5 @@
-// From a marker image to a mask: the label image of an edit, whole
-// segmentations of the photo set, cancellation and the budget timer, and the
-// full-resolution refinement of a working-size mask.
+// From a marker image to a mask: an edit's labels, the photo set segmented
+// directly, cancellation and the budget, the full-resolution refinement.
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
@@ -60,11 +59,10 @@ class PipelineSegment : public segtest::SegmenterTest {
   IplImage* marker = nullptr;
 };
 
-// Loop: outside fixed background, the path (3 thick, closed) unknown; one
-// point draws nothing. Brushes: a ring of Chebyshev radius 5 (on 100 x 100)
-// around the mark, estimated on the mark's side. With a previous result (left
-// half object), unmarked pixels keep it as fixed labels and marked pixels
-// already on the edit's side are fixed.
+// Loop: outside fixed background, the closed path unknown; one point draws
+// nothing. Brushes: a ring of radius 5 around the mark, estimated on its
+// side. With a previous result, unmarked pixels keep it as fixed labels and
+// marked pixels already on the edit's side are fixed.
 TEST_F(PipelineSegment, EditsBecomeLabels) {
   start(cv::Mat(100, 100, CV_8UC3, cv::Scalar(90, 90, 90)));
   loop(10, 8, 29, 21);
@@ -91,11 +89,9 @@ TEST_F(PipelineSegment, EditsBecomeLabels) {
   }
 }
 
-// Every photo from its rectangle, reduced beforehand to at most 76800 pixels
-// so that it is segmented directly (at its own size the masks are the mask
-// regression's). Each mask is 0/255 and the history's newest; the
-// per-request state is gone; nothing is reported. Mean IoU above 0.8 and
-// well above the rectangle's own.
+// Every photo reduced to 76800 pixels, so segmented directly, from its
+// rectangle: each mask is 0/255 and the history's newest, the request's state
+// is gone, nothing is reported; mean IoU above 0.8 and the rectangle's own.
 TEST_F(PipelineSegment, EveryPhotoSegmentedDirectly) {
   if (!photoSetAvailable()) GTEST_SKIP() << "photo set not available";
   double sum = 0.0, rectSum = 0.0;
@@ -144,21 +140,12 @@ TEST_F(PipelineSegment, EveryPhotoSegmentedDirectly) {
 }
 
 // A cancel raised before the request ends it once the box is set up, before
-// any model is fitted: no result, nothing left allocated, the
-// history as it was. The next request runs normally once the flag is lowered.
-// Checking the budget between iterations leaves its timer running, so the
-// max-flow of the next iteration still sees time pass.
-TEST_F(PipelineSegment, CancelAndBudgetEndTheRequestAndKeepTheHistory) {
-  cv::Mat image(240, 320, CV_8UC3, cv::Scalar(40, 160, 60));
-  cv::circle(image, cv::Point(160, 120), 60, cv::Scalar(30, 30, 210), cv::FILLED);
-  start(image);
-  cv::Mat known(240, 320, CV_8U, cv::Scalar(0));
-  known(cv::Rect(10, 10, 40, 40)).setTo(255);
-  IplImage* knownMask = segtest::toIpl(known);
-  ZIRKSEManageUndoRedo::updateBitPlane(knownMask);
-  cvReleaseImage(&knownMask);
-  const int32_t current = ZIRKSEManageUndoRedo::m_current;
-
+// any model is fitted: no result, nothing left allocated. Checking the budget
+// between iterations leaves its timer running, so the max-flow of the next
+// iteration still sees time pass; a stopped timer holds its reading, and no
+// timer reads as negative and is never spent.
+TEST_F(PipelineSegment, CancelAndBudgetEndTheRequest) {
+  start(cv::Mat(240, 320, CV_8UC3, cv::Scalar(40, 160, 60)));
   loop(80, 40, 240, 200);
   ZIRKSEMarker::m_exitApp = true;
   EXPECT_EQ(hybrid->segment(), nullptr);
@@ -167,21 +154,8 @@ TEST_F(PipelineSegment, CancelAndBudgetEndTheRequestAndKeepTheHistory) {
   EXPECT_TRUE(hybrid->m_cropSrcImage == nullptr && hybrid->m_cropLabelImage == nullptr &&
               hybrid->m_initLabelImage == nullptr);
   for (IplImage* h : hybrid->m_labelHistory) EXPECT_EQ(h, nullptr);
-  EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, current);
-  IplImage* newest = ZIRKSEManageUndoRedo::prevMask();
-  ASSERT_NE(newest, nullptr);
-  EXPECT_EQ(segtest::differ(newest, known), 0);
-  cvReleaseImage(&newest);
 
   ZIRKSEMarker::m_exitApp = false;
-  hybrid->setLabelImage(marker);
-  IplImage* mask = hybrid->segment();
-  ASSERT_NE(mask, nullptr);
-  cv::circle(known, cv::Point(160, 120), 60, cv::Scalar(255), cv::FILLED);
-  EXPECT_GT(intersectionOverUnion(view(mask), known), 0.97);
-  EXPECT_EQ(ZIRKSEManageUndoRedo::m_current, (current + 1) % 32);
-  cvReleaseImage(&mask);
-
   g_cancelTimer = create_timer();
   start_cpu_timer(g_cancelTimer);
   EXPECT_FALSE(hybrid->cancelSegmentation());
@@ -191,11 +165,18 @@ TEST_F(PipelineSegment, CancelAndBudgetEndTheRequestAndKeepTheHistory) {
   g_cancelTimer->start.tv_sec -= 11;  // the budget is now spent
   EXPECT_TRUE(ZIRK_shouldStopSegmentation());
   EXPECT_TRUE(hybrid->cancelSegmentation());
+  stop_cpu_timer(g_cancelTimer);
+  const double stopped = get_elapsed_time_in_microsec(g_cancelTimer);
+  std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  EXPECT_EQ(get_elapsed_time_in_microsec(g_cancelTimer), stopped);
+  EXPECT_DOUBLE_EQ(get_elapsed_time_in_sec(g_cancelTimer), stopped * 1e-6);
+  EXPECT_TRUE(get_elapsed_time_in_millisec(nullptr) < 0 && !ZIRK_budgetSpent(nullptr));
 }
 
-// Without a boundary there is no band: the plain enlargement. A red disc on green ground at 200x150, segmented at 100x75: the band
-// cut recovers the round outline that the nearest enlargement turns into
-// steps, and it changes nothing away from the boundary.
+// Without a boundary there is no band: the plain enlargement. A red disc on
+// green ground at 200x150, segmented at 100x75: the band cut recovers the
+// round outline that the nearest enlargement turns into steps, and it
+// changes nothing away from the boundary.
 TEST_F(PipelineSegment, UpscalingRefinesTheOutlineOnly) {
   source(cv::Mat(48, 64, CV_8UC3, cv::Scalar(10, 20, 30)));
   ZIRKSEMarker::m_labelImage = filledImage(32, 24, 1, 1);

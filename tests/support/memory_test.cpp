@@ -11,12 +11,10 @@
 
 namespace {
 
-// Frees and deletes of pointers the stack does not hold are refused with a
-// warning and free nothing (a sanitizer build reports any double free); a
-// failed allocation is an error and leaves no record. The report then lists
-// each unreleased block with its size (count x size for a calloc), function
-// and line: the tracked blocks newest first, then the engine's own buffers;
-// afterwards the stack is empty, and a listed block can still be freed.
+// Frees of pointers the stack does not hold are refused with a warning (a
+// sanitizer build reports any double free); a failed allocation is an error.
+// The report lists each unreleased block's size, function and line, newest
+// first, then the engine's own buffers, and empties the stack.
 TEST(TrackedMemory, MisuseIsRefusedAndTheLeakReportNamesEachLeakedBlock) {
   ZIRK_check_memory_status();  // start from an empty stack
   LogCapture log;

@@ -4,10 +4,9 @@
 // must appear unmangled, exactly as written.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
@@ -47,12 +46,9 @@ TEST(SharedLibrary, SonameAndExportedNames) {
   const std::set<std::string> demangled = definedSymbols(true), raw = definedSymbols(false);
   ASSERT_FALSE(raw.empty()) << "nm read nothing from " << kLibrary;
   int listed = 0;
-  DIR* dir = opendir(SEGCORE_SYMBOL_LISTS);
-  ASSERT_NE(dir, nullptr);
-  while (const dirent* e = readdir(dir)) {
-    const std::string f = e->d_name;
-    if (f.size() <= 4 || f.compare(f.size() - 4, 4, ".txt") != 0) continue;
-    std::ifstream in(std::string(SEGCORE_SYMBOL_LISTS) + "/" + f);
+  for (const auto& entry : std::filesystem::directory_iterator(SEGCORE_SYMBOL_LISTS)) {
+    if (entry.path().extension() != ".txt") continue;
+    std::ifstream in(entry.path());
     for (std::string name; std::getline(in, name);) {
       if (name.empty() || name[0] == '#') continue;
       ++listed;
@@ -60,7 +56,6 @@ TEST(SharedLibrary, SonameAndExportedNames) {
       EXPECT_TRUE((cxx ? demangled : raw).count(name) > 0) << "not exported: " << name;
     }
   }
-  closedir(dir);
   EXPECT_GT(listed, 10);
   // Helpers in anonymous namespaces stay hidden.
   for (const std::string& name : demangled)

@@ -25,10 +25,8 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/imgproc/imgproc_c.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <thread>
 #include <vector>
 
 #include "colormodel/TrainingData.h"
@@ -52,14 +50,12 @@ constexpr double kWorkingPixelsInverse = 1.0 / SEGCORE_WORKING_PIXELS;
 constexpr double kWorkingPixelsInverse = 1.3020834e-05;  // 1 / 76800
 #endif
 constexpr double kBrushRingFraction = 0.05;              // brush ring: 5 % of the diagonal scale
-// Boxes of at least this many pixels are cut in bands of rows on their own
-// threads, one a core from two to four (the cut is the same as one serial
-// solve's whatever the count; on two cores, four bands were slower than two).
+// Boxes of at least this many pixels are cut in kBoxParts bands of rows on
+// their own threads (the cut is the same as one serial solve's whatever the
+// count; on two cores four bands were as fast as three and faster than two
+// or six, and phones have more cores).
 constexpr int kPartedBoxPixels = 16384;
-int boxParts() {
-  const unsigned cores = std::thread::hardware_concurrency();
-  return static_cast<int>(std::min(4u, std::max(2u, cores)));
-}
+constexpr int kBoxParts = 4;
 
 inline uint8_t* pixelRow(IplImage* img, int y) {
   return reinterpret_cast<uint8_t*>(img->imageData) + static_cast<size_t>(y) * img->widthStep;
@@ -334,7 +330,7 @@ IplImage* ZIRKSEHybrid::segment() {
     }
     {
       StageTimer t(&g_t_maxflow);
-      ZIRK_solveGridInParts(m_graph, m_cropWidth * m_cropHeight >= kPartedBoxPixels ? boxParts() : 1);
+      ZIRK_solveGridInParts(m_graph, m_cropWidth * m_cropHeight >= kPartedBoxPixels ? kBoxParts : 1);
     }
     updateLabelImage();
 

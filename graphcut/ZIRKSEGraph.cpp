@@ -79,6 +79,9 @@ inline float minCap(float a, float b) {
   return std::signbit(a) ? a : b;
 }
 
+// Flow along arc a of a symmetric link: half the difference of its two residuals.
+inline float linkFlow(const float* arcs, int32_t a) { return 0.5f * (arcs[a ^ 1] - arcs[a]); }
+
 inline int32_t headOf(const int32_t* offset, int32_t arc) {
   return ((arc + 1) >> 3) + offset[(arc + 1) & 7];
 }
@@ -983,23 +986,21 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
       ZIRKSEGraph* v = views[i].get();
       const int32_t lo = parts[first[i]];
       const int32_t hi = parts[i + 1 < first.size() ? first[i + 1] : count];
-      if (firstRound) {
-        if (waves > 0) withSolver(*v, [lo, hi, waves](auto& s) { s.routeExcess(lo, hi, waves); });
-        startTrees(g, v, lo, hi);
-        v->maxFlowSerialCall();
-        return;
+      int route = waves;
+      if (!firstRound) {
+        // A join solves on from the groups' trees, up to its limit.
+        bool limited = false;
+        withSolver(*v, [lo, hi, &limited](auto& s) {
+          s.augmentLimit = (hi - lo) / kJoinNodesPerAugment;
+          s.run();
+          limited = s.limited;
+        });
+        if (!limited || ZIRKSEMarker::m_exitApp) return;
+        route = band ? kBandWaves : kGridWaves;
+        v->m_activeFirst = v->m_activeLast = nullptr;
+        v->m_orphanFirst = v->m_orphanLast = nullptr;
       }
-      bool limited = false;
-      withSolver(*v, [lo, hi, &limited](auto& s) {
-        s.augmentLimit = (hi - lo) / kJoinNodesPerAugment;
-        s.run();
-        limited = s.limited;
-      });
-      if (!limited || ZIRKSEMarker::m_exitApp) return;
-      const int joinWaves = band ? kBandWaves : kGridWaves;
-      withSolver(*v, [lo, hi, joinWaves](auto& s) { s.routeExcess(lo, hi, joinWaves); });
-      v->m_activeFirst = v->m_activeLast = nullptr;
-      v->m_orphanFirst = v->m_orphanLast = nullptr;
+      if (route > 0) withSolver(*v, [lo, hi, route](auto& s) { s.routeExcess(lo, hi, route); });
       startTrees(g, v, lo, hi);
       v->maxFlowSerialCall();
     };
@@ -1114,8 +1115,7 @@ void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const
   } else {
     // Terminal links: the residual moves by the change of capacity. An
     // infinite one stays infinite; one that was infinite is the new net
-    // capacity less what the node sends through its links (half the
-    // difference of each link's two residuals, the links being symmetric).
+    // capacity less what the node sends through its links.
     float* const arcs = g->m_arcs;
     int32_t list[8];
     for (int32_t p = 0; p < n && !sameTerminals; ++p) {
@@ -1129,7 +1129,7 @@ void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const
       neighbourList(p, w, h, list);
       for (int k = 0; k < 8; ++k) {
         const int32_t a = list[k];
-        if (a != kNoNeighbour && arcs[a] != kAbsentArc) sent += 0.5f * (arcs[a ^ 1] - arcs[a]);
+        if (a != kNoNeighbour && arcs[a] != kAbsentArc) sent += linkFlow(arcs, a);
       }
       g->m_nodes[p].tr_cap = net - sent;
     }
@@ -1140,7 +1140,7 @@ void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const
       const int32_t p = i / 4, a = 8 * p + 2 * (i % 4);
       if (arcs[a] == kAbsentArc) continue;
       const float c = links[i];
-      const float f = 0.5f * (arcs[a ^ 1] - arcs[a]);  // flow from p to its neighbour
+      const float f = linkFlow(arcs, a);  // flow from p to its neighbour
       if (std::fabs(f) <= c) {
         arcs[a] = c - f;
         arcs[a ^ 1] = c + f;

@@ -22,7 +22,8 @@
 //      (writing 5 to /proc/self/clear_refs), runs the request and reads
 //      VmHWM. The caller holds only its ARGB source, mask and preview
 //      buffers and the marker image of the edit. Also "kept": resident
-//      memory after the request minus before it;
+//      memory after the request minus before it; and the request's page
+//      faults and user and system CPU time (getrusage, all threads);
 //    - the stage slots of the request (medians, ms): the whole segment and
 //      its box set-up, colour models, graph filling, box max-flows and
 //      post-processing; "rest", what the segment spends beyond those slots
@@ -54,6 +55,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <malloc.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -245,7 +247,15 @@ bool enlargedPhoto(const Options& o, cv::Mat* image, cv::Mat* truth, Box* box) {
     g_t_nLinksComputation = 0.0;  // only a request that makes the engine sets it
     const long before = statusKb("VmRSS");
     put("reset", resetPeakRss() ? 1 : 0);
+    rusage usage0, usage1;
+    getrusage(RUSAGE_SELF, &usage0);
     const double ms = session.request(kind, plan);
+    getrusage(RUSAGE_SELF, &usage1);
+    put("faults", static_cast<double>(usage1.ru_minflt - usage0.ru_minflt));
+    put("sys_ms", (usage1.ru_stime.tv_sec - usage0.ru_stime.tv_sec) * 1e3 +
+                      (usage1.ru_stime.tv_usec - usage0.ru_stime.tv_usec) * 1e-3);
+    put("user_ms", (usage1.ru_utime.tv_sec - usage0.ru_utime.tv_sec) * 1e3 +
+                       (usage1.ru_utime.tv_usec - usage0.ru_utime.tv_usec) * 1e-3);
     put("peak_kb", statusKb("VmHWM"));
     put("after_kb", statusKb("VmRSS"));
     put("before_kb", before);
@@ -395,6 +405,9 @@ void largeEdits(const Options& o) {
     printFigure(prefix + "wall_ms", column(rs, "wall_ms"));
     printFigure(prefix + "peak_mb", difference(column(rs, "peak_kb", mb), before));
     printFigure(prefix + "kept_mb", difference(column(rs, "after_kb", mb), before));
+    printFigure(prefix + "page_faults", column(rs, "faults"));
+    printFigure(prefix + "cpu_user_ms", column(rs, "user_ms"));
+    printFigure(prefix + "cpu_sys_ms", column(rs, "sys_ms"));
     for (const auto& [key, v] : rs.front())
       if (key.rfind("slot:", 0) == 0) printFigure(prefix + key.substr(5) + "_ms", column(rs, key));
     const Report& last = rs.back();

@@ -77,6 +77,25 @@ struct StageTimer {
   double start;
 };
 
+// The full-size index that each of `small` positions shows when `full`
+// positions are reduced by nearest neighbour (along the columns of an image
+// when `down`, else along its rows). It is read from the reduction itself,
+// run on 8-bit probes like the label images: the index goes through byte by
+// byte.
+std::vector<int32_t> reductionMap(int full, int small, bool down) {
+  std::vector<int32_t> map(static_cast<size_t>(small > 0 ? small : 0), 0);
+  if (full < 1 || small < 1) return map;
+  const cv::Size fullSize = down ? cv::Size(1, full) : cv::Size(full, 1);
+  const cv::Size smallSize = down ? cv::Size(1, small) : cv::Size(small, 1);
+  cv::Mat probe(fullSize, CV_8U), reduced;
+  for (int shift = 0; (full - 1) >> shift > 0 || shift == 0; shift += 8) {
+    for (int i = 0; i < full; ++i) probe.data[i] = static_cast<uint8_t>(i >> shift);
+    cv::resize(probe, reduced, smallSize, 0, 0, cv::INTER_NEAREST);
+    for (int i = 0; i < small; ++i) map[i] |= static_cast<int32_t>(reduced.data[i]) << shift;
+  }
+  return map;
+}
+
 void resetStageTimes() {
   g_t_preProcess = 0.0;
   g_t_colEst = 0.0;
@@ -153,7 +172,8 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
 
   // 2. A brush stroke gets an estimated ring around it. The dilation only
   // reaches n pixels from a mark, so it runs on the marks' bounding box
-  // grown by n; everything beyond stays 0 either way.
+  // grown by n, and only that part of the marks is copied: beyond it every
+  // mark is 0, as the copy's replicated border is.
   if (isBrushEdit(kind)) {
     const uint8_t oldLabel = kind == kEditStrokeAdd ? kLabelObjectFixed : kLabelBackgroundFixed;
     const uint8_t newLabel = kind == kEditStrokeAdd ? kLabelObjectEst : kLabelBackgroundEst;
@@ -162,17 +182,16 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
     const cv::Rect reach = cv::Rect(marked.x - n, marked.y - n, marked.width + 2 * n,
                                     marked.height + 2 * n) & cv::Rect(0, 0, w, h);
     if (!marked.empty() && !reach.empty()) {
-      IplImage* clone = cvCloneImage(marker);
+      IplImage* clone = cvCreateImage(cvSize(reach.width, reach.height), IPL_DEPTH_8U, 1);
       ZIRKReleaseOnExit releaseClone(&clone);
-      cvSetImageROI(clone, cvRect(reach.x, reach.y, reach.width, reach.height));
       cvSetImageROI(marker, cvRect(reach.x, reach.y, reach.width, reach.height));
+      cvCopy(marker, clone, nullptr);
       cvDilate(clone, marker, nullptr, n);
       cvResetImageROI(marker);
-      cvResetImageROI(clone);
-      for (int y = reach.y; y < reach.y + reach.height; ++y) {
-        uint8_t* m = pixelRow(marker, y);
+      for (int y = 0; y < reach.height; ++y) {
+        uint8_t* m = pixelRow(marker, reach.y + y) + reach.x;
         const uint8_t* c = pixelRow(clone, y);
-        for (int x = reach.x; x < reach.x + reach.width; ++x) {
+        for (int x = 0; x < reach.width; ++x) {
           if (m[x] == oldLabel && c[x] == 0) m[x] = newLabel;
         }
       }
@@ -188,48 +207,48 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "setLabelImage: history mask size differs");
     ZIRK_ReleaseImage(&ZIRKSEMarker::m_prevResult);
   }
-  IplImage* label = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
-  ZIRKReleaseOnExit releaseLabel(&label);
+
+  // 4-6. The labels at working size, each from the source pixel that a
+  // nearest-neighbour reduction shows there (the reduction's own choice, so
+  // the same labels as merging at full size and then reducing, without the
+  // full-size label image). With a history mask, unmarked pixels keep the
+  // previous result as fixed labels and marked pixels already on the edit's
+  // side are fixed too; without one, everything unmarked is background.
+  // Other pixels keep their mark.
+  CvSize size = cvSize(w, h);
+  if (g_imageResizeFactor != 1.0f) {
+    const IplImage* src = ZIRKSEMarker::m_srcImage;
+    if (src == nullptr || src->width < 1 || src->height < 1) {
+      ZIRK_LogMemoryCrash("setLabelImage", 223);
+      return;
+    }
+    size = cvGetSize(src);
+  }
+  IplImage* labels = cvCreateImage(size, IPL_DEPTH_8U, 1);
+  const std::vector<int32_t> xmap = reductionMap(w, size.width, false);
+  const std::vector<int32_t> ymap = reductionMap(h, size.height, true);
   IplImage* prev = ZIRKSEMarker::m_prevResult;
-  // 4. With a history mask, unmarked pixels keep the previous result as
-  // fixed labels and marked pixels already on the edit's side are fixed
-  // too; 5. without one, everything unmarked is background. Other pixels
-  // keep their mark. One pass over the marks (no copy of them first).
   const uint8_t fixed = isAddingEdit(kind) ? kLabelObjectFixed : kLabelBackgroundFixed;
   const uint8_t result = isAddingEdit(kind) ? 255 : 0;
   const uint8_t background = kLabelBackgroundFixed, object = kLabelObjectFixed;
-  for (int y = 0; y < h; ++y) {
-    const uint8_t* m = pixelRow(marker, y);
-    uint8_t* l = pixelRow(label, y);
-    if (prev == nullptr) {
-      for (int x = 0; x < w; ++x) l[x] = m[x] == 0 ? background : m[x];
-      continue;
-    }
-    const uint8_t* p = pixelRow(prev, y);
-    for (int x = 0; x < w; ++x) {
-      if (m[x] == 0) {
-        l[x] = p[x] == 0 ? background : p[x] == 255 ? object : 0;
+  for (int y = 0; y < size.height; ++y) {
+    const uint8_t* m = pixelRow(marker, ymap[y]);
+    const uint8_t* p = prev != nullptr ? pixelRow(prev, ymap[y]) : nullptr;
+    uint8_t* l = pixelRow(labels, y);
+    for (int x = 0; x < size.width; ++x) {
+      const int32_t sx = xmap[x];
+      if (p == nullptr) {
+        l[x] = m[sx] == 0 ? background : m[sx];
+      } else if (m[sx] == 0) {
+        l[x] = p[sx] == 0 ? background : p[sx] == 255 ? object : 0;
       } else {
-        l[x] = p[x] == result ? fixed : m[x];
+        l[x] = p[sx] == result ? fixed : m[sx];
       }
     }
   }
-
-  // 6. To working size (nearest), then the drawn path becomes unknown.
-  if (g_imageResizeFactor != 1.0f) {
-    IplImage* src = ZIRKSEMarker::m_srcImage;
-    if (src == nullptr || src->width < 1 || src->height < 1) {
-      ZIRK_LogMemoryCrash("setLabelImage", 223);
-      cvReleaseImage(&label);
-      return;
-    }
-    ZIRKSEMarker::m_labelImage = cvCreateImage(cvGetSize(src), IPL_DEPTH_8U, 1);
-    cvResize(label, ZIRKSEMarker::m_labelImage, CV_INTER_NN);
-  } else {
-    ZIRKSEMarker::m_labelImage = cvCloneImage(label);
-  }
+  ZIRKSEMarker::m_labelImage = labels;
+  // 7. The drawn path becomes unknown.
   addUnknownRegion();
-  cvReleaseImage(&label);
 }
 
 void ZIRKSEHybrid::addUnknownRegion() {

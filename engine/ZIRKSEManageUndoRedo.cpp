@@ -26,13 +26,6 @@ namespace {
 
 constexpr int32_t kSlots = 32;     // one slot per bit of a word
 constexpr int32_t kTileRows = 64;  // rows per tile: 4 cache lines of words per column
-// madvise: make a range's pages present and writable (Linux 5.14; older
-// kernels refuse it and the pages fault in one by one).
-#ifdef MADV_POPULATE_WRITE
-constexpr int kPopulateWrite = MADV_POPULATE_WRITE;
-#else
-constexpr int kPopulateWrite = 23;
-#endif
 
 int32_t prevSlot(int32_t k) { return (k + kSlots - 1) % kSlots; }
 int32_t nextSlot(int32_t k) { return (k + 1) % kSlots; }
@@ -71,30 +64,25 @@ void writeSlot(int32_t k, const IplImage* mask) {
   const int32_t h = ZIRKSEManageUndoRedo::height;
   const uint8_t* pixels = reinterpret_cast<const uint8_t*>(mask->imageData);
   const size_t step = static_cast<size_t>(mask->widthStep);
-  if (g_blockUnwritten) {
-    // The first write stores without reading: a read of an untouched page
-    // maps the zero page and the write after it faults again, two faults a
-    // page (about 10 ms at 12 MP). Where the kernel can, the pages are
-    // made present in one call.
-    g_blockUnwritten = false;
-    madvise(ZIRKSEManageUndoRedo::m_bitPlane[0], blockBytes(), kPopulateWrite);
-    for (int32_t y0 = 0; y0 < h; y0 += kTileRows) {
-      const int32_t y1 = y0 + kTileRows < h ? y0 + kTileRows : h;
-      for (int32_t x = 0; x < w; ++x) {
-        uint32_t* column = ZIRKSEManageUndoRedo::m_bitPlane[x];
-        const uint8_t* p = pixels + static_cast<size_t>(y0) * step + x;
-        for (int32_t y = y0; y < y1; ++y, p += step) column[y] = *p != 0 ? bit : 0u;
-      }
-    }
-    return;
-  }
+  // Only words that change are stored: a page of the block that no mask
+  // has marked is never written, so it stays unmapped (reads see zeros) and
+  // costs neither memory nor a page fault. The first write knows every word
+  // is 0 and does not read them either.
+  const bool unwritten = g_blockUnwritten;
+  g_blockUnwritten = false;
   for (int32_t y0 = 0; y0 < h; y0 += kTileRows) {
     const int32_t y1 = y0 + kTileRows < h ? y0 + kTileRows : h;
     for (int32_t x = 0; x < w; ++x) {
       uint32_t* column = ZIRKSEManageUndoRedo::m_bitPlane[x];
       const uint8_t* p = pixels + static_cast<size_t>(y0) * step + x;
+      if (unwritten) {
+        for (int32_t y = y0; y < y1; ++y, p += step)
+          if (*p != 0) column[y] = bit;
+        continue;
+      }
       for (int32_t y = y0; y < y1; ++y, p += step) {
-        column[y] = (column[y] & ~bit) | (*p != 0 ? bit : 0u);
+        const uint32_t word = (column[y] & ~bit) | (*p != 0 ? bit : 0u);
+        if (word != column[y]) column[y] = word;
       }
     }
   }

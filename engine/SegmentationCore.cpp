@@ -36,6 +36,7 @@
 #include "engine/ZIRKSEMarker.h"
 #include "segmenter/ZIRKSEHybrid.h"
 #include "support/ZIRKLog.h"
+#include "support/ZIRKPages.h"
 #include "support/ZIRKMemory.h"
 
 namespace {
@@ -308,6 +309,7 @@ void setSourceBody(int width, int height, unsigned int* argb) {
   ImagePtr image(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3));
   uint8_t* data = reinterpret_cast<uint8_t*>(image->imageData);
   const int step = image->widthStep;
+  ZIRK_prefault(image.get());
   // Alpha is dropped.
   forEachPixel(width, height, [&](int x, int y) {
     const unsigned int w = argb[static_cast<size_t>(y) * width + x];
@@ -353,6 +355,7 @@ int setMarkerBody(int width, int height, int* markers, int kind) {
     return 0;
   }
   ImagePtr converted(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1));
+  ZIRK_prefault(converted.get());
   // The caller's ints are only read, through a header over their array.
   HeaderPtr wrapper(cvCreateImageHeader(cvSize(width, height), IPL_DEPTH_32S, 1));
   cvSetData(wrapper.get(), markers, width * static_cast<int>(sizeof(int)));
@@ -589,6 +592,7 @@ void doSegmentationBBBody(int width, int height, unsigned int* argb, int x1, int
   setMarkerVectorBody(n, p);
   // Inside of the rectangle, corners included: object, estimated.
   ImagePtr marks(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1));
+  ZIRK_prefault(marks.get());
   cvSetZero(marks.get());
   for (int y = y1; y <= y2; ++y) {
     uint8_t* row = reinterpret_cast<uint8_t*>(marks->imageData) + static_cast<size_t>(y) * marks->widthStep;
@@ -628,6 +632,7 @@ void paintOutline(unsigned int* argb) {
   if (contours != nullptr) g_contoursFound = 1;
   if (argb == nullptr) return;  // contours only
   ImagePtr outline(cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1));
+  ZIRK_prefault(outline.get());
   cvSetZero(outline.get());
   if (contours != nullptr) {
     cvDrawContours(outline.get(), contours, cvScalarAll(255), cvScalarAll(255), 255, 2, CV_AA,

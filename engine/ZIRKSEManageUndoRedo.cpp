@@ -21,6 +21,7 @@
 
 #include "engine/ZIRKSEMarker.h"
 #include "support/ZIRKLog.h"
+#include "support/ZIRKPages.h"
 
 namespace {
 
@@ -179,6 +180,7 @@ IplImage* ZIRKSEManageUndoRedo::getMask(int k) {
     return nullptr;
   }
   IplImage* mask = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+  ZIRK_prefault(mask);
   readSlot(k, mask);
   return mask;
 }

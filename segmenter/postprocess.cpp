@@ -17,6 +17,7 @@
 #include "engine/ZIRKSEMarker.h"
 #include "segmenter/ZIRKSEHybrid.h"
 #include "support/ZIRKLog.h"
+#include "support/ZIRKPages.h"
 
 namespace {
 
@@ -198,6 +199,7 @@ void ZIRKSEHybrid::postProcessForStroke(IplImage* mask) {
   constexpr uint8_t kKept = 255;
   IplImage* change = cvCreateImage(cvGetSize(mask), IPL_DEPTH_8U, 1);
   ZIRKReleaseOnExit releaseChange(&change);
+  ZIRK_prefault(change);
   for (int r = 0; r < mask->height; ++r) {
     const uint8_t* m = reinterpret_cast<const uint8_t*>(mask->imageData) + r * mask->widthStep;
     const uint8_t* p = reinterpret_cast<const uint8_t*>(prev->imageData) + r * prev->widthStep;

@@ -26,6 +26,7 @@
 #include "segmenter/ZIRKSEHybrid.h"
 #include "support/ZIRKLog.h"
 #include "support/ZIRKMemory.h"
+#include "support/ZIRKPages.h"
 
 namespace {
 
@@ -252,6 +253,7 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
     // unknown ring of the band takes the side of the cut.
     checkSize(full, 2085);
     result = cvCreateImage(full, IPL_DEPTH_8U, 1);
+    ZIRK_prefault(result);
     writeResult(band, xmap, ymap, m_trimapGraph, result);
   }
 

@@ -1,4 +1,5 @@
 #include "graphcut/BandGraph.h"
+#include "graphcut/ColourCache.h"
 
 #include <android/log.h>
 
@@ -247,6 +248,7 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
   std::vector<float> preFlow(n, 0.0f);
   g->reset();
   auto fillRows = [&](int rowBegin, int rowEnd) {
+    ColourCache cache;
     for (int row = rowBegin; row < rowEnd; ++row) {
       const int y = m_rowFirst + row;
       forEachNodeInRow(y, [&](int x, int, int32_t p) {
@@ -266,7 +268,13 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
         const uint8_t fa = grey ? pixelAt(texA, m_xmap[x], m_ymap[y])[0] : 0;
         const uint8_t fb = grey ? pixelAt(texB, m_xmap[x], m_ymap[y])[0] : 0;
         float source, sink;
-        links.terminal(l, c, fa, fb, &source, &sink);
+        if (l == kLabelBackgroundFixed || l == kLabelObjectFixed) {
+          links.terminal(l, c, fa, fb, &source, &sink);
+        } else {
+          // The same features give the same capacities (see ColourCache).
+          cache.get(c[0], grey ? fa : c[1], grey ? fb : c[2], &source, &sink,
+                    [&](float* s, float* t) { links.terminal(l, c, fa, fb, s, t); });
+        }
         if (m_unknownOnly) {
           // Links to merged fixed pixels lead straight to their terminal.
           for (int dy = -1; dy <= 1; ++dy) {

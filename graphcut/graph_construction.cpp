@@ -17,6 +17,7 @@
 
 #include "engine/ZIRKSEMarker.h"
 #include "graphcut/BandGraph.h"
+#include "graphcut/ColourCache.h"
 #include "segmenter/ZIRKSEHybrid.h"
 #include "support/ZIRKLog.h"
 #include "support/ZIRKMemory.h"
@@ -83,36 +84,36 @@ void ZIRK_fillBoxGraph(ZIRKSEHybrid* hybrid, bool keepFlow, bool sameModels) {
   // same models they are those of the last fill.
   const bool sameTerminals = keepFlow && sameModels && self.m_graph->m_fillNet != nullptr;
   auto terminalRows = [&](int yBegin, int yEnd) {
+    ColourCache cache;
     for (int y = yBegin; y < yEnd; ++y) {
       const uint8_t* labels = pixelAt(self.m_cropLabelImage, 0, y);
       for (int x = 0; x < w; ++x) {
         const int node = y * w + x;
-        double source;
-        double sink;
-        if (labels[x] == kLabelBackgroundFixed) {
-          source = 0.0;
-          sink = kHardLink;
-        } else if (labels[x] == kLabelObjectFixed) {
-          source = kHardLink;
-          sink = 0.0;
-        } else if (!grey) {
-          const uint8_t* c = pixelAt(self.m_cropSrcImage, x, y);
-          const pixelVal p{static_cast<double>(c[0]), static_cast<double>(c[1]),
-                           static_cast<double>(c[2])};
-          source = -std::log(self.m_bgModel.GMMProb(p));
-          sink = -std::log(self.m_fgModel.GMMProb(p));
-        } else {
-          const pixelVal p{static_cast<double>(pixelAt(self.m_cropSrcImage, x, y)[0]),
-                           static_cast<double>(*pixelAt(texH, x + x0, y + y0)),
-                           static_cast<double>(*pixelAt(texV, x + x0, y + y0))};
+        if (labels[x] == kLabelBackgroundFixed || labels[x] == kLabelObjectFixed) {
+          const bool object = labels[x] == kLabelObjectFixed;
+          sources[node] = static_cast<float>(object ? kHardLink : 0.0);
+          sinks[node] = static_cast<float>(object ? 0.0 : kHardLink);
+          continue;
+        }
+        // The features: the colour bytes, or the grey byte and its two
+        // texture values.
+        const uint8_t* c = pixelAt(self.m_cropSrcImage, x, y);
+        const uint8_t f0 = c[0];
+        const uint8_t f1 = grey ? *pixelAt(texH, x + x0, y + y0) : c[1];
+        const uint8_t f2 = grey ? *pixelAt(texV, x + x0, y + y0) : c[2];
+        cache.get(f0, f1, f2, &sources[node], &sinks[node], [&](float* source, float* sink) {
+          const pixelVal p{static_cast<double>(f0), static_cast<double>(f1), static_cast<double>(f2)};
+          if (!grey) {
+            *source = static_cast<float>(-std::log(self.m_bgModel.GMMProb(p)));
+            *sink = static_cast<float>(-std::log(self.m_fgModel.GMMProb(p)));
+            return;
+          }
           const double lb = std::log(self.m_bgModel.GMMProb(p));
           const double lf = std::log(self.m_fgModel.GMMProb(p));
-          sink = -lf;
+          *sink = static_cast<float>(-lf);
           // Models that cannot tell the pixel apart leave it no terminal pull.
-          source = std::fabs(static_cast<float>(lf - lb)) < kGreyTie ? -lf : -lb;
-        }
-        sources[node] = static_cast<float>(source);
-        sinks[node] = static_cast<float>(sink);
+          *source = static_cast<float>(std::fabs(static_cast<float>(lf - lb)) < kGreyTie ? -lf : -lb);
+        });
       }
     }
   };

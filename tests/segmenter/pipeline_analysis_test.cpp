@@ -7,17 +7,14 @@
 
 namespace {
 
-using segtest::at;
-using segtest::differ;
-using segtest::fillRect;
-using segtest::filledImage;
+using namespace segtest;
 
 class PipelineAnalysis : public segtest::SegmenterTest {};
 
 // Grey test: mean channel spread 0, 3/4 (grey), exactly 1 (colour). Border
 // test: white columns [x0, x1) of rows 10..90, tx = 15, far side W - xmax;
 // only 255 counts.
-TEST_F(PipelineAnalysis, GreyAndBorderTestsAtTheirThresholds) {
+TEST_F(PipelineAnalysis, GreyAndBorderTestsAndTextureMaps) {
   IplImage* img = filledImage(2, 2, 3, 100);
   for (const int blue : {100, 103, 104}) {
     at(img, 1, 0, 2) = static_cast<uint8_t>(blue);
@@ -33,14 +30,12 @@ TEST_F(PipelineAnalysis, GreyAndBorderTestsAtTheirThresholds) {
     EXPECT_EQ(hybrid->boundaryTest(mask, 0.15f), c.spans) << c.x0 << ".." << c.x1 - 1;
   }
   cvReleaseImage(&mask);
-}
 
-// Inside the image, the maps are the differences of channel 0 to the right
-// and to the row above.
-TEST_F(PipelineAnalysis, TextureMapsMatchNeighbourDifferences) {
+  // Texture maps: inside the image, the differences of channel 0 to the
+  // right and to the row above.
   std::mt19937 rng(11);
-  IplImage* src = segtest::randomImage(7, 5, 3, rng);
-  segtest::replace(ZIRKSEMarker::m_srcImage, src);
+  IplImage* src = randomImage(7, 5, 3, rng);
+  replace(ZIRKSEMarker::m_srcImage, src);
   hybrid->computeTexture();
   for (int y = 1; y < 5; ++y)
     for (int x = 0; x + 1 < 7; ++x) {
@@ -58,10 +53,10 @@ TEST_F(PipelineAnalysis, TextureMapsMatchNeighbourDifferences) {
 TEST_F(PipelineAnalysis, PreProcessTightensAroundStructureAndGrowsBackOverFaintGround) {
   const auto run = [&](const cv::Mat& grey) {
     setWorkingImage(filledImage(120, 90, 3, 128));
-    segtest::replace(ZIRKSEMarker::m_labelImage, filledImage(120, 90, 1, 4));
+    replace(ZIRKSEMarker::m_labelImage, filledImage(120, 90, 1, 4));
     setBox(5, 5, 110, 80);
     cv::Mat channels[] = {grey, grey, grey};
-    cv::merge(channels, 3, segtest::view(ZIRKSEMarker::m_srcImage));
+    cv::merge(channels, 3, view(ZIRKSEMarker::m_srcImage));
     hybrid->preProcess();
     return box();
   };
@@ -110,7 +105,7 @@ class PipelineLamda : public segtest::SegmenterTest {
   void expectRun(int index, int status, double lamda, IplImage* labels) {
     EXPECT_EQ(hybrid->parallelLamdaSwtich(index), status);
     EXPECT_EQ(hybrid->m_lamda, lamda);
-    EXPECT_EQ(differ(hybrid->m_cropLabelImage, segtest::view(labels)), 0);
+    EXPECT_EQ(differ(hybrid->m_cropLabelImage, view(labels)), 0);
   }
 };
 
@@ -184,9 +179,9 @@ TEST_F(PipelineLamda, ChooseIterFallsBackToTheFirstTrialOnlyWhenItFollowedTheEdg
     fillRect(hybrid->m_labelHistory[0], r.x, r.y, r.x + r.width, r.y + r.height, 4);
     cvSet(hybrid->m_cropLabelImage, cvScalarAll(3));
     fillRect(hybrid->m_cropLabelImage, 55, 10, 75, 30, 4);  // cuts through flat ground
-    const cv::Mat before = segtest::view(hybrid->m_cropLabelImage).clone();
+    const cv::Mat before = view(hybrid->m_cropLabelImage).clone();
     hybrid->chooseIter();
-    EXPECT_EQ(differ(hybrid->m_cropLabelImage, r.x == 20 ? segtest::view(hybrid->m_labelHistory[0]) : before), 0) << r;
+    EXPECT_EQ(differ(hybrid->m_cropLabelImage, r.x == 20 ? view(hybrid->m_labelHistory[0]) : before), 0) << r;
   }
 }
 

@@ -51,7 +51,6 @@ class DemoServerTest : public ::testing::Test {
     if (!m_server) return;
     m_server->stop();
     m_thread.join();
-    m_server.reset();
   }
   httplib::Client client() {
     httplib::Client c("127.0.0.1", m_port);

@@ -1,6 +1,6 @@
 // Neighbour weights against exp(-beta |p - q|^2) evaluated directly, the
-// graphs' node and arc arrays against capacities computed here, the box
-// around the marks.
+// graphs' node and arc arrays against capacities computed here. (The box
+// around the marks shows in the photos' edits and the rectangle cuts.)
 #include <cmath>
 #include <string>
 
@@ -185,32 +185,6 @@ TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
     for (int p = 0; p < w * h; ++p)
       if (at(trimap, p % w, p / w) == 7) { EXPECT_EQ(g->m_nodes[p].tree, FREE) << p; }
     for (IplImage* img : {colour, trimap, fa, fb}) cvReleaseImage(&img);
-  }
-}
-
-class CoreBoundingBox : public segtest::SegmenterTest {};
-
-// The box around a box request's unknown and estimated-object labels, a
-// brush's ring (4 adding, 3 removing), a loop's points in source pixels at
-// factor 2 (touching the corner: margin only right and below); the area threshold.
-TEST_F(CoreBoundingBox, FromTheLoopPointsOrTheLabels) {
-  setWorkingImage(filledImage(100, 80, 3, 50));
-  ZIRKSEMarker::m_labelImage = filledImage(100, 80, 1, 1);
-  const cv::Mat labels = view(ZIRKSEMarker::m_labelImage);
-  labels(cv::Rect(20, 30, 31, 11)).setTo(0);
-  labels(cv::Rect(55, 42, 6, 3)).setTo(4);
-  labels(cv::Rect(5, 5, 4, 4)).setTo(3);
-  const std::vector<int> loop = {0, 0, 61, 0, 61, 51, 0, 51};
-  const struct { int type; std::vector<int> points; cv::Rect box; int64_t threshold; } cases[] = {
-      {kEditLoopAdd, {}, {10, 20, 61, 35}, 14 * 40 / 10}, {kEditStrokeAdd, {1, 1}, {45, 32, 26, 23}, -1},
-      {kEditStrokeRemove, {1, 1}, {0, 0, 19, 19}, -1}, {kEditLoopAdd, loop, {0, 0, 41, 36}, 25 * 30 / 10}};
-  for (const auto& c : cases) {
-    ZIRKSEMarker::currentStroke.type = c.type;
-    ZIRKSEMarker::currentStroke.points = c.points;
-    g_imageResizeFactor = c.points == loop ? 2.0f : 1.0f;
-    hybrid->computeBoundingBox();
-    EXPECT_EQ(box(), c.box) << c.type;
-    if (c.threshold >= 0) { EXPECT_EQ(hybrid->m_areaThreshold, c.threshold) << c.type; }
   }
 }
 

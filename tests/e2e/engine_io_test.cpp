@@ -1,7 +1,6 @@
-// The caller's functions on small synthetic images: source and marker
-// conversions, the direct cut-out with its history and contours, cuts from a
-// rectangle. Calls made wrongly, cancels and the life cycle are the
-// robustness suite's; the photos' cuts are the mask regression's.
+// The caller's functions on small synthetic images: the direct cut-out with
+// its history and contours, cuts from a rectangle. Wrong calls and cancels
+// are the robustness suite's, the photos the mask regression's.
 #include "e2e/EngineHarness.h"
 #include "engine/EngineState.h"
 #include "livewire/LiveWire.h"
@@ -17,12 +16,11 @@ std::vector<unsigned char> applyMarks(std::vector<unsigned char> mask, const std
   return mask;
 }
 
-// The source comes back made opaque; the caller's buffers are only read.
-// Without markers a request shows the source and hands back no mask. Then
-// the marks (ints saturated into bytes) become the mask, merged into the
-// previous one and recorded; the history walks back to the plain source and
-// forward. The width is no multiple of 4, so every column band of the mask
-// writer counts.
+// The source comes back opaque; the caller's buffers are only read. Without
+// markers a request shows the source and no mask. Then the marks (ints
+// saturated into bytes) become the mask, merged into the previous one and
+// recorded; the history walks back to the plain source and forward. The
+// width is no multiple of 4, so every column band of the mask writer counts.
 TEST_F(EngineTest, CutOutTakesTheMarksAsTheMaskAndRecordsIt) {
   const int w = 50, h = 36;
   const std::vector<unsigned int> given = e2e::randomArgb(w, h, 21), src = e2e::opaque(given);
@@ -110,9 +108,8 @@ std::vector<unsigned int> patchScene(int w, int h, const cv::Rect& patch) {
 }
 
 // Any rectangle around the patch, tight or loose, at working size or above
-// it (then the boundary is refined at full size): the cut is the patch,
-// pixel for pixel. (The rectangle's border becomes the request's path; a
-// wrong one shows as a wrong box or wrongly drawn labels, so in the cut.)
+// it (refined at full size): the cut is the patch, pixel for pixel. (A wrong
+// path along the rectangle's border would show here and in the photos.)
 TEST_F(EngineTest, RectangleAroundAPatchCutsExactlyThePatch) {
   const struct { int w, h; cv::Rect patch; int x1, y1, x2, y2; } cases[] = {
       {80, 60, cv::Rect(20, 15, 40, 30), 20, 15, 59, 44},  // on the patch's border

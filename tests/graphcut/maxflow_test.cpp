@@ -8,7 +8,6 @@
 #include <tuple>
 #include <vector>
 
-#include "common/LogCapture.h"
 #include "engine/ZIRKSEMarker.h"
 #include "graphcut/GridGraphTestUtil.h"
 #include "graphcut/ParallelGC.h"
@@ -54,16 +53,13 @@ void expectArcsRestored(const ZIRKSEGraph& g, const GridGraph& s) {
 // pre-flow; the parallel one still restores every arc it removed. A spent
 // budget ends a solve early and cancels the whole segmentation; 9 s do not.
 TEST_F(MaxFlow, RefusalsCancelAndSpentBudget) {
-  LogCapture log;
   ZIRKSEGraph small(4, 4, 4, 4, 0);  // room for 16 nodes and 32 arc floats; the 4x4 grid needs 128
   small.addNode(16);
   small.addtWeights(0, 3.0f, 1.0f);
   EXPECT_EQ(small.maxFlow(), 1.0f);  // only the pre-flow
-  EXPECT_EQ(log.countPrefix("Error", "ZIRKSEGraph::maxFlow"), 1) << log.dump();
   ZIRKSEGraph big(77 * 31, 8 * 77 * 31, 77, 31, 0);
   ParallelGC tooMany(&big, 1000);
   EXPECT_EQ(tooMany.m_blockCols * tooMany.m_blockRows, 64);
-  EXPECT_EQ(log.countPrefix("Error", "ParallelGC"), 1);
 
   std::mt19937 rng(8);
   ZIRKSEMarker::m_exitApp = true;

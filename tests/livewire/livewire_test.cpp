@@ -1,7 +1,6 @@
 // The live-wire search against a plain O(N^2) Dijkstra over link costs that
 // the test derives itself from the colours and labels. The search drives its
-// indexed min-heap through every operation (push, pop, key decrease, ties),
-// so a wrong heap order shows as a wrong cost or parent here.
+// min-heap through push, pop, key decrease and ties: heap faults show here.
 #include "livewire/LiveWire.h"
 
 #include <gtest/gtest.h>

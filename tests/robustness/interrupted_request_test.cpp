@@ -20,10 +20,6 @@ const Call kSegment = [](unsigned int* a, unsigned char* m) { EXPECT_EQ(processS
 const Call kCutOut = [](unsigned int* a, unsigned char* m) { cutOutImage(0, 0, 0, a, m); };
 constexpr unsigned char kSweepFill = 0x44;
 
-int objectPixels(const std::vector<unsigned char>& mask) {
-  return static_cast<int>(std::count(mask.begin(), mask.end(), 0));
-}
-
 using Check = std::function<void(const LogCapture& log, const HistorySnapshot& before,
                                  const std::vector<unsigned int>& argb, const std::vector<unsigned char>& mask)>;
 
@@ -233,7 +229,7 @@ TEST_F(RobustnessTest, CancelStaysRaisedUntilResetOrANewEngine) {
     std::fill(mask.begin(), mask.end(), 9);
     s.mark();
     EXPECT_EQ(processSegment(0, 0, 0, argb.data(), mask.data()), result);
-    return objectPixels(mask) > 0;
+    return std::count(mask.begin(), mask.end(), 0) > 0;
   };
   exitSegmentation();
   EXPECT_TRUE(edit());
@@ -258,7 +254,7 @@ TEST_F(RobustnessTest, CancelStaysRaisedUntilResetOrANewEngine) {
   cancelSegmentation();
   std::fill(mask.begin(), mask.end(), 9);
   EXPECT_EQ(doSegmentationBB(s.w, s.h, s.src.data(), 20, 15, 100, 75, mask.data()), 0);
-  EXPECT_GT(objectPixels(mask), 0);
+  EXPECT_GT(std::count(mask.begin(), mask.end(), 0), 0);
   EXPECT_FALSE(ZIRKSEMarker::m_exitApp);
 }
 

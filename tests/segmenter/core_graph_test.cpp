@@ -1,6 +1,5 @@
 // Neighbour weights against exp(-beta |p - q|^2) evaluated directly, the
-// graphs' node and arc arrays against capacities computed here. (The box
-// around the marks shows in the photos' edits and the rectangle cuts.)
+// graphs' node and arc arrays against capacities computed here.
 #include <cmath>
 #include <string>
 

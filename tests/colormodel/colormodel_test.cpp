@@ -14,7 +14,6 @@
 #include "colormodel/Clustering.h"
 #include "colormodel/TrainingData.h"
 #include "colormodel/ZIRKSEColorModel.h"
-#include "common/LogCapture.h"
 #include "engine/ZIRKSEMarker.h"
 
 namespace {
@@ -234,11 +233,9 @@ TEST_F(ColorModel, ExtractSortsPadsAndReadsTextureAtTheBoxOffset) {
   EXPECT_EQ(triples(second), padded({wantGrey[1].begin(), wantGrey[1].begin() + 3}));
   extractTrainingData(&srcI, nullptr, first, second);  // no labels: padding only
   EXPECT_EQ(triples(first), padded({}));
-  LogCapture log;
   ZIRKSEMarker::m_xMinBBox = 8;
   extractTrainingData(&srcI, &labI, first, second);
   EXPECT_EQ(triples(second), padded({}));
-  EXPECT_EQ(log.countPrefix("Error", "extractTrainingData"), 1) << log.dump();
 }
 
 struct KMeansRun {
@@ -293,9 +290,7 @@ TEST(KMeans, RecoversFiveSeparatedBlobsDeterministically) {
     for (int k = 0; k < 5; ++k) EXPECT_EQ(vec(again.centres[k]), vec(r.centres[k]));
   }
   g_kmeansThreadedSamples = threshold;
-  LogCapture log;  // no samples at all are refused
-  EXPECT_EQ(runKMeans({}).iterations, 0);
-  EXPECT_EQ(log.countPrefix("Error", "k_means"), 1) << log.dump();
+  EXPECT_EQ(runKMeans({}).iterations, 0);  // no samples at all are refused
 }
 
 }  // namespace

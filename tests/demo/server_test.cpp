@@ -19,11 +19,6 @@ const std::string kPhotos = SEGDEMO_PHOTO_DIR;
 const std::string kBook = kPhotos + "/images/book.jpg";
 const std::string kRect = R"({"kind": "rect", "rect": [59, 24, 618, 459]})";
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 std::string encode(const cv::Mat& image, const char* ext) {
   std::vector<uchar> bytes;
   cv::imencode(ext, image, bytes);
@@ -56,7 +51,6 @@ class DemoServerTest : public ::testing::Test {
     if (!m_server) return;
     m_server->stop();
     m_thread.join();
-    m_server.reset();
   }
   httplib::Client client() {
     httplib::Client c("127.0.0.1", m_port);
@@ -95,7 +89,7 @@ TEST_F(DemoServerTest, BadInputGetsAClearErrorAndTheServerKeepsServingPathsAndMa
   million += "]}";
   const cv::Mat big(1500, 2000, CV_8UC3, cv::Scalar(40, 90, 160));  // 3 MP, above the test's 2 MP
   const std::vector<BadRequest> withPhoto = {
-      {"truncated JPEG", "POST", "/api/image", readFile(kBook).substr(0, 300), 400, "not an image"},
+      {"truncated JPEG", "POST", "/api/image", encode(cv::imread(kBook), ".jpg").substr(0, 300), 400, "not an image"},
       {"PNG above the pixel limit", "POST", "/api/image", encode(big, ".png"), 413, "2000x1500 (3 megapixels)"},
       {"upload above the byte limit", "POST", "/api/image", std::string(9u << 20, 'x'), 413, "larger than 8388608 bytes"},
       {"malformed JSON", "POST", "/api/edit", R"({"kind": "rect", )", 400, "not valid JSON"},

@@ -75,14 +75,6 @@ inline std::vector<int> boxMarks(int w, int h, int x1, int y1, int x2, int y2, i
   return marks;
 }
 
-// A loop edit around the rectangle: boxMarks and the corners as the path.
-inline void markLoop(int w, int h, int x1, int y1, int x2, int y2) {
-  std::vector<int> marks = boxMarks(w, h, x1, y1, x2, y2);
-  std::vector<int> path = {x1, y1, x2, y1, x2, y2, x1, y2};
-  setMarkerImage(w, h, marks.data(), 0);
-  setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
-}
-
 // The positions of the history and its newest mask (empty without one).
 struct HistorySnapshot {
   int32_t current, top, bottom;
@@ -120,7 +112,13 @@ struct Scene {
     setMarkerImage(w, h, patch.data(), 0);
     cutOutImage(0, 0, 0, nullptr, std::vector<unsigned char>(pixels()).data());
   }
-  void mark() { markLoop(w, h, w / 6, h / 6, 5 * w / 6, 5 * h / 6); }
+  // A loop edit: markers 4 inside the rectangle, its corners as the path.
+  void mark() {
+    const int x1 = w / 6, y1 = h / 6, x2 = 5 * w / 6, y2 = 5 * h / 6;
+    std::vector<int> marks = boxMarks(w, h, x1, y1, x2, y2), path = {x1, y1, x2, y1, x2, y2, x1, y2};
+    setMarkerImage(w, h, marks.data(), 0);
+    setCurrentMarkerVector(static_cast<int>(path.size()), path.data());
+  }
   // Runs a call that must write every pixel of the mask; returns the mask.
   std::vector<unsigned char> expectMask(const Call& call, bool object) {
     std::vector<unsigned int> argb(pixels());

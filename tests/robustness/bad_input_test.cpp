@@ -83,8 +83,33 @@ Call segment(int expected) {
 }
 void cut(unsigned int* a, unsigned char* m) { cutOutImage(0, 0, 0, a, m); }
 
-TEST_F(BadInput, CallsOutOfOrderWithNullBuffersOrAfterTeardown) {
+// Calls out of order, with null buffers or after teardown; sizes, counts,
+// rectangles and points outside; malformed images for the live-wire calls
+// (only a seed outside the image throws).
+TEST_F(BadInput, CallsOutOfOrderBadSizesAndMalformedImages) {
   const char* const kGone = "MEMORY_CRASH : cutOutImage 197";
+  // A tiny caller buffer: a refused size must never be read through.
+  std::vector<unsigned int> tinyArgb(4, 0x12345678u);
+  std::vector<int> tinyMarks(4, 2);
+  std::unique_ptr<int[]> odd(new int[5]{7, 8, 200, 9, 60});  // exact block: no read past it
+  std::vector<int> outside = {-3, 10, 150, 70, 5, 6};
+  unsigned int* const t = tinyArgb.data();
+  const char* const kNoSource = "MEMORY_CRASH : setSourceImage 115";
+  const auto bb = [&](int x1, int y1, int x2, int y2) -> Call {
+    return [&, x1, y1, x2, y2](auto, auto m) {
+      EXPECT_EQ(doSegmentationBB(W, H, s.src.data(), x1, y1, x2, y2, m), 0);
+      EXPECT_NE(pHybrid, nullptr) << "an engine, new or (when refused) the earlier one";
+    };
+  };
+  cv::Mat image(5, 6, CV_8UC3, cv::Scalar(10, 20, 30)), labels(5, 6, CV_8U, cv::Scalar(1));
+  cv::Mat otherLabels(5, 5, CV_8U), costMap(5, 6, CV_32F), smallMap(4, 6, CV_32F);
+  IplImage im = cvIplImage(image), la = cvIplImage(labels), ol = cvIplImage(otherLabels);
+  IplImage cm = cvIplImage(costMap), sm = cvIplImage(smallMap);
+  Node_ node;
+  std::memset(&node, 0x5A, sizeof(node));
+  const Node_ untouched = node;
+  int unused = 0;
+  int* array = &unused;
   run({
       {kNothing, "initSegmentationEngine", [](auto, auto) { initSegmentationEngine(0); }},
       {kNothing, "copySourceImage", [](auto a, auto) { copySourceImage(a); }},
@@ -115,26 +140,22 @@ TEST_F(BadInput, CallsOutOfOrderWithNullBuffersOrAfterTeardown) {
       {kTornDown, "undo", undo},
       {kTornDown, kGone, cut},
       {kTornDown, "copySourceImage", [](auto a, auto) { copySourceImage(a); }},
-      {kTornDown, "", [](auto, auto) { deinitSegmentation(), freeLocalBuffers(), resetSegmentationInterface(); }, 0},
-  });
-  EXPECT_FALSE(canUndo() || canRedo());
-}
-
-TEST_F(BadInput, SizesCountsRectanglesAndPointsOutside) {
-  // A tiny caller buffer: a refused size must never be read through.
-  std::vector<unsigned int> tinyArgb(4, 0x12345678u);
-  std::vector<int> tinyMarks(4, 2);
-  std::unique_ptr<int[]> odd(new int[5]{7, 8, 200, 9, 60});  // exact block: no read past it
-  std::vector<int> outside = {-3, 10, 150, 70, 5, 6};
-  unsigned int* const t = tinyArgb.data();
-  const char* const kNoSource = "MEMORY_CRASH : setSourceImage 115";
-  const auto bb = [&](int x1, int y1, int x2, int y2) -> Call {
-    return [&, x1, y1, x2, y2](auto, auto m) {
-      EXPECT_EQ(doSegmentationBB(W, H, s.src.data(), x1, y1, x2, y2, m), 0);
-      EXPECT_NE(pHybrid, nullptr) << "an engine, new or (when refused) the earlier one";
-    };
-  };
-  run({
+      {kTornDown, "",
+       [](auto, auto) {
+         deinitSegmentation(), freeLocalBuffers(), resetSegmentationInterface();
+         EXPECT_FALSE(canUndo() || canRedo());
+       },
+       0},
+      // Malformed live-wire images.
+      {kNothing, "find_parent_info", [&](auto, auto) { EXPECT_TRUE(find_parent_info(&im, &ol, 0, 0, 0.5).empty()); }},
+      {kNothing, "find_parent_info",
+       [&](auto, auto) { EXPECT_TRUE(find_parent_info(&im, &la, 0, 0, 0.5, &sm).empty()); }},
+      {kNothing, "find_weight", [&](auto, auto) { EXPECT_EQ(find_weight(&im, 0, 0, 5, 6, 0.5), DBL_MAX); }},
+      {kNothing, "assign_index", [&](auto, auto) { assign_index(node, 65536, 65536, 0, 0, 0.0); }},
+      {kNothing, "assign_weight", [&](auto, auto) { assign_weight(&im, &la, node, -1, 2, 0.5); }},
+      {kNothing, "assign_weight", [&](auto, auto) { assign_weight(&im, &ol, node, 0, 0, 0.5); }},
+      {kNothing, "fetch_path_array", [&](auto, auto) { EXPECT_EQ(fetch_path_array(&array, nullptr), nullptr); }},
+      // Sizes, counts, rectangles, points outside.
       {kEngine, "doSegmentationBB: rectangle (12, 9)-(3, 2)", bb(12, 9, 3, 2), 1, true},  // inverted
       {kEngine, "doSegmentationBB: rectangle (-4, 2)-(12, 15)", bb(-4, 2, 12, H + 3), 1, true},
       {kEngine, "doSegmentationBB", bb(W + 5, 2, W, 0)},  // inverted and outside
@@ -154,30 +175,6 @@ TEST_F(BadInput, SizesCountsRectanglesAndPointsOutside) {
   EXPECT_EQ(g_markerImage, nullptr);
   EXPECT_EQ(odd[4], 60);
   EXPECT_EQ(outside, (std::vector<int>{0, 10, W - 1, H - 1, 5, 6})) << "clamped and written back";
-}
-
-// The live-wire calls take OpenCV images from the caller; malformed ones are
-// refused with a line, and only a seed outside the image throws.
-TEST_F(BadInput, LiveWireImages) {
-  cv::Mat image(5, 6, CV_8UC3, cv::Scalar(10, 20, 30)), labels(5, 6, CV_8U, cv::Scalar(1));
-  cv::Mat otherLabels(5, 5, CV_8U), costMap(5, 6, CV_32F), smallMap(4, 6, CV_32F);
-  IplImage im = cvIplImage(image), la = cvIplImage(labels), ol = cvIplImage(otherLabels);
-  IplImage cm = cvIplImage(costMap), sm = cvIplImage(smallMap);
-  Node_ node;
-  std::memset(&node, 0x5A, sizeof(node));
-  const Node_ untouched = node;
-  int unused = 0;
-  int* array = &unused;
-  run({
-      {kNothing, "find_parent_info", [&](auto, auto) { EXPECT_TRUE(find_parent_info(&im, &ol, 0, 0, 0.5).empty()); }},
-      {kNothing, "find_parent_info",
-       [&](auto, auto) { EXPECT_TRUE(find_parent_info(&im, &la, 0, 0, 0.5, &sm).empty()); }},
-      {kNothing, "find_weight", [&](auto, auto) { EXPECT_EQ(find_weight(&im, 0, 0, 5, 6, 0.5), DBL_MAX); }},
-      {kNothing, "assign_index", [&](auto, auto) { assign_index(node, 65536, 65536, 0, 0, 0.0); }},
-      {kNothing, "assign_weight", [&](auto, auto) { assign_weight(&im, &la, node, -1, 2, 0.5); }},
-      {kNothing, "assign_weight", [&](auto, auto) { assign_weight(&im, &ol, node, 0, 0, 0.5); }},
-      {kNothing, "fetch_path_array", [&](auto, auto) { EXPECT_EQ(fetch_path_array(&array, nullptr), nullptr); }},
-  });
   EXPECT_EQ(std::memcmp(&node, &untouched, sizeof(node)), 0) << "refused calls leave the node";
   EXPECT_EQ(array, nullptr) << "fetch_path_array clears the array it refuses";
 

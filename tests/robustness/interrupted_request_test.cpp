@@ -2,8 +2,6 @@
 // spent budget, a cancel from another thread.
 #include <android/log.h>
 
-#include <opencv2/imgproc.hpp>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -12,7 +10,6 @@
 #include <string>
 #include <thread>
 
-#include "common/PhotoSet.h"
 #include "robustness/RobustnessSupport.h"
 
 namespace {
@@ -22,10 +19,6 @@ using namespace robustness;
 const Call kSegment = [](unsigned int* a, unsigned char* m) { EXPECT_EQ(processSegment(0, 0, 0, a, m), 0); };
 const Call kCutOut = [](unsigned int* a, unsigned char* m) { cutOutImage(0, 0, 0, a, m); };
 constexpr unsigned char kSweepFill = 0x44;
-
-int objectPixels(const std::vector<unsigned char>& mask) {
-  return static_cast<int>(std::count(mask.begin(), mask.end(), 0));
-}
 
 using Check = std::function<void(const LogCapture& log, const HistorySnapshot& before,
                                  const std::vector<unsigned int>& argb, const std::vector<unsigned char>& mask)>;
@@ -164,53 +157,31 @@ TEST_F(RobustnessTest, BudgetSpentAtAnyClockReadingEndsTheRequestWithoutAMask) {
   const int readings = interpose::events(interpose::kClock);
   const Ends ends{s.src, first, HistorySnapshot::take(), reference};
   int stopped = 0;
-  const auto check = [&](const LogCapture& log, const HistorySnapshot&, auto& argb, auto& mask) {
-    if (!ends.stopped(log, argb, mask, kSweepFill)) return;
-    ++stopped;
-    ZIRKSEMarker::m_exitApp = false;  // a time-out raises the cancel, which stays until a reset
-    s.mark();
-    EXPECT_TRUE(s.expectMask(kSegment, true) == reference);
-  };
-  sweep("budget", interpose::kClock, s, prepare, kSegment, check,
+  sweep("budget", interpose::kClock, s, prepare, kSegment,
+        [&](const LogCapture& log, const HistorySnapshot&, auto& argb, auto& mask) {
+          if (!ends.stopped(log, argb, mask, kSweepFill)) return;
+          ++stopped;
+          ZIRKSEMarker::m_exitApp = false;  // a time-out raises the cancel, which stays until a reset
+          s.mark();
+          EXPECT_TRUE(s.expectMask(kSegment, true) == reference);
+        },
         [&](int n) { return n < readings - 16 ? std::min(n + readings / 24, readings - 16) : n + 1; });
   EXPECT_GT(stopped, 16);
 }
 
-// Cancels from a second thread at random moments of a request on a photo
-// reduced to 480 x 360 (so the refinement runs): the request ends stopped or
-// with exactly the mask of an uncancelled run. Under ThreadSanitizer it is
-// the data-race check of the cancel.
+// Cancels from a second thread at random moments of a request at 480 x 360
+// (so the refinement runs): the request ends stopped or with exactly the mask
+// of an uncancelled run. Under ThreadSanitizer it is the data-race check of
+// the cancel.
 TEST_F(RobustnessTest, CancelAtRandomMomentsNeverRecordsAWrongMask) {
-  if (!photoSetAvailable()) GTEST_SKIP() << "photo set not available";
-  const Photo photo = loadPhoto("flower");
-  const int w = 480, h = 360, sw = photo.image.cols, sh = photo.image.rows;
-  cv::Mat small;
-  cv::resize(photo.image, small, cv::Size(w, h), 0, 0, cv::INTER_AREA);
-  std::vector<unsigned int> src = toArgb(small), argb(src.size());
-  const int x1 = photo.x1 * w / sw, y1 = photo.y1 * h / sh, x2 = photo.x2 * w / sw, y2 = photo.y2 * h / sh;
-  const int cx = (x1 + x2) / 2, cy = (y1 + y2) / 2;
-  std::vector<int> firstMarks = boxMarks(w, h, cx - 5, cy - 5, cx + 5, cy + 5, 2);
-  // A fresh edit sequence holding a first mask; the cancel is lowered.
-  const auto restart = [&] {
-    resetSegmentationInterface();
-    setMarkerImage(w, h, firstMarks.data(), 0);
-    cutOutImage(0, 0, 0, nullptr, std::vector<unsigned char>(src.size()).data());
-  };
-  const auto edit = [&](std::vector<unsigned char>& mask) {
-    std::fill(argb.begin(), argb.end(), 0x01020304u);
-    markLoop(w, h, x1, y1, x2, y2);
-    EXPECT_EQ(processSegment(0, 0, 0, argb.data(), mask.data()), 0);
-  };
-  setSourceImage(w, h, src.data());
-  initSegmentationEngine(0);
-  restart();
+  Scene s(480, 360);
+  s.start();
   const HistorySnapshot first = HistorySnapshot::take();
-  std::vector<unsigned char> reference(src.size(), 7);
   const auto t0 = std::chrono::steady_clock::now();
-  edit(reference);
+  s.mark();
+  const std::vector<unsigned char> reference = s.expectMask(kSegment, true);
   const std::chrono::duration<double, std::milli> requestMs = std::chrono::steady_clock::now() - t0;
-  ASSERT_GT(objectPixels(reference), 0);
-  const Ends ends{src, first, HistorySnapshot::take(), reference};
+  const Ends ends{s.src, first, HistorySnapshot::take(), reference};
   ASSERT_EQ(ends.done.current, (first.current + 1) % 32);
 
   // Moments at random points of equal stretches of 1.2 times the request.
@@ -219,11 +190,14 @@ TEST_F(RobustnessTest, CancelAtRandomMomentsNeverRecordsAWrongMask) {
   std::uniform_real_distribution<double> within(0.0, 1.0);
   int cancelled = 0;
   for (int k = 0; k < runs; ++k) {
-    restart();
+    deinitSegmentation();
+    s.start();
     ASSERT_TRUE(HistorySnapshot::take() == first);
     const std::chrono::microseconds delay(static_cast<long>(1200.0 * requestMs.count() * (k + within(rng)) / runs));
     SCOPED_TRACE("cancel after " + std::to_string(delay.count()) + " us");
-    std::vector<unsigned char> mask(src.size(), 123);
+    std::vector<unsigned int> argb(s.pixels(), 0x01020304u);
+    std::vector<unsigned char> mask(s.pixels(), 123);
+    s.mark();
     std::atomic<bool> go{false};
     std::thread canceller([&] {
       while (!go.load()) std::this_thread::yield();
@@ -232,7 +206,7 @@ TEST_F(RobustnessTest, CancelAtRandomMomentsNeverRecordsAWrongMask) {
     });
     LogCapture log;
     go = true;
-    edit(mask);
+    kSegment(argb.data(), mask.data());
     canceller.join();
     cancelled += ends.stopped(log, argb, mask, 123);
   }
@@ -255,7 +229,7 @@ TEST_F(RobustnessTest, CancelStaysRaisedUntilResetOrANewEngine) {
     std::fill(mask.begin(), mask.end(), 9);
     s.mark();
     EXPECT_EQ(processSegment(0, 0, 0, argb.data(), mask.data()), result);
-    return objectPixels(mask) > 0;
+    return std::count(mask.begin(), mask.end(), 0) > 0;
   };
   exitSegmentation();
   EXPECT_TRUE(edit());
@@ -280,7 +254,7 @@ TEST_F(RobustnessTest, CancelStaysRaisedUntilResetOrANewEngine) {
   cancelSegmentation();
   std::fill(mask.begin(), mask.end(), 9);
   EXPECT_EQ(doSegmentationBB(s.w, s.h, s.src.data(), 20, 15, 100, 75, mask.data()), 0);
-  EXPECT_GT(objectPixels(mask), 0);
+  EXPECT_GT(std::count(mask.begin(), mask.end(), 0), 0);
   EXPECT_FALSE(ZIRKSEMarker::m_exitApp);
 }
 

@@ -1,6 +1,5 @@
 // Neighbour weights against exp(-beta |p - q|^2) evaluated directly, the
-// graphs' node and arc arrays against capacities computed here, the box
-// around the marks.
+// graphs' node and arc arrays against capacities computed here.
 #include <cmath>
 #include <string>
 
@@ -9,8 +8,7 @@
 
 namespace {
 
-using segtest::at;
-using segtest::view;
+using namespace segtest;
 
 // Slot k of pixel (x, y) joins it to (x + kDx[k], y + kDy[k]); odd slots are diagonal.
 constexpr int kDx[4] = {-1, -1, 0, 1};
@@ -79,9 +77,9 @@ TEST_F(CoreGraph, WeightsFollowTheContrastFormula) {
                                                 {150, 150, -1, -1}};
   for (const auto& c : cases) {
     const std::string what = std::to_string(c.w) + "x" + std::to_string(c.h);
-    IplImage* img = segtest::randomImage(c.w, c.h, 3, rng, std::max(c.lo, 0), std::max(c.hi, 0));
+    IplImage* img = randomImage(c.w, c.h, 3, rng, std::max(c.lo, 0), std::max(c.hi, 0));
     for (int y = 0; y < c.h && c.lo < 0; ++y)
-      for (int x = (y & 1); x < c.w; x += 2) segtest::fillRect(img, x, y, x + 1, y + 1, 255);
+      for (int x = (y & 1); x < c.w; x += 2) fillRect(img, x, y, x + 1, y + 1, 255);
     setWorkingImage(img);
     hybrid->computeNlinks();
     const double beta = referenceBeta(img);
@@ -95,7 +93,7 @@ TEST_F(CoreGraph, WeightsFollowTheContrastFormula) {
         ASSERT_NEAR(hybrid->m_nlinks[p * 4 + k], want, 1e-6 + 2e-5 * want) << what << " slot " << k << " at " << p;
       }
   }
-  setWorkingImage(segtest::filledImage(1, 1, 3, 9));
+  setWorkingImage(filledImage(1, 1, 3, 9));
   hybrid->computeNlinks();
   EXPECT_EQ(hybrid->m_beta, 0.0);
   for (int k = 0; k < 4; ++k) EXPECT_EQ(hybrid->m_nlinks[k], 0.0f) << k;
@@ -117,12 +115,12 @@ TEST_F(CoreGraph, BoxGraphTakesModelsAndStoredWeights) {
     hybrid->m_nlinks = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * slots, "test", 1));
     for (int i = 0; i < slots; ++i) hybrid->m_nlinks[i] = (rng() % 1000) / 1000.0f;
     setBox(c.x0, c.y0, c.w, c.h);
-    hybrid->m_cropSrcImage = segtest::randomImage(c.w, c.h, 3, rng);
-    hybrid->m_cropLabelImage = segtest::randomImage(c.w, c.h, 1, rng, 0, 4);
+    hybrid->m_cropSrcImage = randomImage(c.w, c.h, 3, rng);
+    hybrid->m_cropLabelImage = randomImage(c.w, c.h, 1, rng, 0, 4);
     ZIRKSEMarker::m_isGreyScale = c.grey;
     IplImage *&texH = ZIRKSEMarker::m_texHor, *&texV = ZIRKSEMarker::m_texVer;
-    segtest::replace(texH, segtest::randomImage(c.imageW, c.imageH, 1, rng));
-    segtest::replace(texV, segtest::randomImage(c.imageW, c.imageH, 1, rng));
+    replace(texH, randomImage(c.imageW, c.imageH, 1, rng));
+    replace(texV, randomImage(c.imageW, c.imageH, 1, rng));
     hybrid->m_lamda = 13.513;
     hybrid->graphSpaceAllocator();
     for (int fill = 0; fill < 2; ++fill) {
@@ -155,10 +153,10 @@ TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
   makeModels();
   for (const bool grey : {false, true}) {
     const int w = grey ? 1 : 11, h = grey ? 7 : 8;
-    IplImage* colour = segtest::randomImage(w, h, 3, rng, 60, 180);
-    IplImage* fa = segtest::randomImage(w, h, 1, rng);
-    IplImage* fb = segtest::randomImage(w, h, 1, rng);
-    IplImage* trimap = segtest::randomImage(w, h, 1, rng, 0, 5);
+    IplImage* colour = randomImage(w, h, 3, rng, 60, 180);
+    IplImage* fa = randomImage(w, h, 1, rng);
+    IplImage* fb = randomImage(w, h, 1, rng);
+    IplImage* trimap = randomImage(w, h, 1, rng, 0, 5);
     const uint8_t values[6] = {0, 0, 1, 2, 7, 0};
     for (int i = 0; i < w * h; ++i) at(trimap, i % w, i / w) = values[at(trimap, i % w, i / w)];
     hybrid->m_boundWidthTrimap = w;
@@ -186,32 +184,6 @@ TEST_F(CoreGraph, TrimapGraphFollowsTrimapAndContrast) {
     for (int p = 0; p < w * h; ++p)
       if (at(trimap, p % w, p / w) == 7) { EXPECT_EQ(g->m_nodes[p].tree, FREE) << p; }
     for (IplImage* img : {colour, trimap, fa, fb}) cvReleaseImage(&img);
-  }
-}
-
-class CoreBoundingBox : public segtest::SegmenterTest {};
-
-// The box around a box request's unknown and estimated-object labels, a
-// brush's ring (4 adding, 3 removing), a loop's points in source pixels at
-// factor 2 (touching the corner: margin only right and below); the area threshold.
-TEST_F(CoreBoundingBox, FromTheLoopPointsOrTheLabels) {
-  setWorkingImage(segtest::filledImage(100, 80, 3, 50));
-  ZIRKSEMarker::m_labelImage = segtest::filledImage(100, 80, 1, 1);
-  const cv::Mat labels = view(ZIRKSEMarker::m_labelImage);
-  labels(cv::Rect(20, 30, 31, 11)).setTo(0);
-  labels(cv::Rect(55, 42, 6, 3)).setTo(4);
-  labels(cv::Rect(5, 5, 4, 4)).setTo(3);
-  const std::vector<int> loop = {0, 0, 61, 0, 61, 51, 0, 51};
-  const struct { int type; std::vector<int> points; cv::Rect box; int64_t threshold; } cases[] = {
-      {kEditLoopAdd, {}, {10, 20, 61, 35}, 14 * 40 / 10}, {kEditStrokeAdd, {1, 1}, {45, 32, 26, 23}, -1},
-      {kEditStrokeRemove, {1, 1}, {0, 0, 19, 19}, -1}, {kEditLoopAdd, loop, {0, 0, 41, 36}, 25 * 30 / 10}};
-  for (const auto& c : cases) {
-    ZIRKSEMarker::currentStroke.type = c.type;
-    ZIRKSEMarker::currentStroke.points = c.points;
-    g_imageResizeFactor = c.points == loop ? 2.0f : 1.0f;
-    hybrid->computeBoundingBox();
-    EXPECT_EQ(box(), c.box) << c.type;
-    if (c.threshold >= 0) { EXPECT_EQ(hybrid->m_areaThreshold, c.threshold) << c.type; }
   }
 }
 

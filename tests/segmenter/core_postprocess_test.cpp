@@ -10,7 +10,7 @@
 
 namespace {
 
-using segtest::view;
+using namespace segtest;
 
 // Loop clean-up through OpenCV's labelling: 4-connected islands under a
 // tenth of the largest removed, then holes of at most 4 pixels filled.
@@ -32,7 +32,7 @@ class CorePostProcess : public segtest::SegmenterTest {
  protected:
   // Runs the loop clean-up on a copy of m; checks it against the oracle.
   cv::Mat loop(const cv::Mat& m) {
-    IplImage* mask = segtest::toIpl(m);
+    IplImage* mask = toIpl(m);
     hybrid->postProcessForLoop(mask);
     const cv::Mat got = view(mask).clone();
     cvReleaseImage(&mask);
@@ -75,7 +75,7 @@ TEST_F(CorePostProcess, BrushKeepsOnlyFlipsTouchingThePath) {
   setBox(0, 0, 80, 60);
   for (const bool adding : {true, false}) {
     const uint8_t v = adding ? 255 : 0;
-    segtest::replace(ZIRKSEMarker::m_prevResult, segtest::filledImage(80, 60, 1, 0));
+    replace(ZIRKSEMarker::m_prevResult, filledImage(80, 60, 1, 0));
     const cv::Mat prev = view(ZIRKSEMarker::m_prevResult);
     prev(cv::Rect(10, 10, 30, 30)).setTo(255);
     ZIRKSEMarker::currentStroke.type = adding ? kEditStrokeAdd : kEditStrokeRemove;
@@ -87,9 +87,9 @@ TEST_F(CorePostProcess, BrushKeepsOnlyFlipsTouchingThePath) {
     want(touching).setTo(v);
     m(adding ? cv::Rect(65, 45, 8, 8) : cv::Rect(30, 30, 5, 5)).setTo(v);        // far from the path
     m(adding ? cv::Rect(12, 12, 3, 3) : cv::Rect(60, 50, 5, 5)).setTo(255 - v);  // the other kind
-    IplImage* mask = segtest::toIpl(m);
+    IplImage* mask = toIpl(m);
     hybrid->postProcess(mask);
-    EXPECT_EQ(segtest::differ(mask, want), 0) << adding;
+    EXPECT_EQ(differ(mask, want), 0) << adding;
     cvReleaseImage(&mask);
   }
 }
@@ -101,14 +101,14 @@ TEST_F(CorePostProcess, RemovingLoopOnlyRemovesInsideTheScaledBox) {
   setBox(5, 4, 10, 8);
   ZIRKSEMarker::currentStroke.type = kEditLoopRemove;
   std::mt19937 rng(4);
-  ZIRKSEMarker::m_prevResult = segtest::randomImage(80, 60, 1, rng, 0, 1);
-  IplImage* mask = segtest::randomImage(80, 60, 1, rng, 0, 1);
+  ZIRKSEMarker::m_prevResult = randomImage(80, 60, 1, rng, 0, 1);
+  IplImage* mask = randomImage(80, 60, 1, rng, 0, 1);
   cv::Mat cut = view(mask) * 255, want = view(ZIRKSEMarker::m_prevResult) * 255;
   cut.copyTo(view(mask));
   want.copyTo(view(ZIRKSEMarker::m_prevResult));
   want(cv::Rect(10, 8, 20, 16)) &= cut(cv::Rect(10, 8, 20, 16));
   hybrid->postProcess(mask);
-  EXPECT_EQ(segtest::differ(mask, want), 0);
+  EXPECT_EQ(differ(mask, want), 0);
   cvReleaseImage(&mask);
 }
 
@@ -118,19 +118,19 @@ TEST_F(CorePostProcess, RemovingLoopOnlyRemovesInsideTheScaledBox) {
 TEST_F(CorePostProcess, LetterboxBarsBecomeBackgroundAndTheBoxMoves) {
   std::mt19937 rng(8);
   for (int kind = 0; kind < 3; ++kind) {
-    setWorkingImage(segtest::randomImage(40, 25, 3, rng, 1, 255));
+    setWorkingImage(randomImage(40, 25, 3, rng, 1, 255));
     cv::Mat s = view(ZIRKSEMarker::m_srcImage);
     for (const cv::Rect& r : {cv::Rect(3, 0, 2, 25), cv::Rect(0, 2, 40, 4), cv::Rect(0, 19, 40, 3)})
       if (kind == 0) s(r).setTo(cv::Scalar::all(0));
     if (kind == 2) s.setTo(cv::Scalar::all(0));
-    segtest::replace(ZIRKSEMarker::m_labelImage, segtest::filledImage(40, 25, 1, 0));
+    replace(ZIRKSEMarker::m_labelImage, filledImage(40, 25, 1, 0));
     setBox(3, 2, 30, 20);
     hybrid->removeBlackRegion();
     EXPECT_EQ(box(), kind == 0 ? cv::Rect(5, 6, 28, 13) : cv::Rect(3, 2, 30, 20)) << kind;
     cv::Mat want(25, 40, CV_8U, cv::Scalar(0));
     want(cv::Rect(3, 2, 30, 20)).setTo(kind == 0 ? 1 : 0);
     want(cv::Rect(6, 7, 26, 11)).setTo(0);  // box columns 3..28, rows 5..15
-    EXPECT_EQ(segtest::differ(ZIRKSEMarker::m_labelImage, want), 0) << kind;
+    EXPECT_EQ(differ(ZIRKSEMarker::m_labelImage, want), 0) << kind;
   }
 }
 

@@ -56,8 +56,11 @@ struct Band {
     cv::Mat noise(fullH, fullW, CV_8UC3);
     cv::randu(noise, 0, 256);
     cv::GaussianBlur(noise, colour, cv::Size(5, 5), 0);
+    // Grey mode's two texture maps, at working size and unlike each other.
+    texA.create(h, w, CV_8U), texB.create(h, w, CV_8U);
+    cv::randu(texA, 0, 128), cv::randu(texB, 128, 256);
   }
-  cv::Mat trimap, colour;
+  cv::Mat trimap, colour, texA, texB;
   std::vector<int32_t> xmap, ymap;
   // 7 beyond the image, like the band graph's own ring there.
   uint8_t label(int x, int y) const {
@@ -67,13 +70,15 @@ struct Band {
 };
 
 // The band's rectangle as a plain grid graph with the same capacities.
-GridGraph wholeRectangle(const Band& b, const TrimapLinks& links) {
+GridGraph wholeRectangle(const Band& b, const TrimapLinks& links, bool grey) {
   GridGraph s(b.colour.cols, b.colour.rows);
   for (int y = 0; y < s.h; ++y) {
     for (int x = 0; x < s.w; ++x) {
       const int p = y * s.w + x;
       const uint8_t l = b.label(x, y), *pc = b.colour.ptr<uint8_t>(y, x);
-      links.terminal(l, pc, 0, 0, &s.src[p], &s.snk[p]);
+      const uint8_t fa = grey ? b.texA.at<uint8_t>(b.ymap[y], b.xmap[x]) : 0;
+      const uint8_t fb = grey ? b.texB.at<uint8_t>(b.ymap[y], b.xmap[x]) : 0;
+      links.terminal(l, pc, fa, fb, &s.src[p], &s.snk[p]);
       for (int k = 0; k < 4; ++k) {
         const int q = gridtest::slotNeighbour(s.w, p, k);
         if (q < 0 || l == 7 || b.label(q % s.w, q / s.w) == 7) continue;
@@ -98,7 +103,8 @@ class BandGraphTest : public ::testing::Test {
   float table[256];
 };
 
-// Capacities computed on several threads are the serial build's numbers;
+// Colour and grey features. Capacities computed on several threads are the
+// serial build's numbers;
 // the nodes are the linked pixels and a one-pixel ring; the cut, solved serially or
 // in parts, is the canonical one or, where float rounding decided a tie, one
 // of the same capacity.
@@ -108,15 +114,19 @@ TEST_F(BandGraphTest, UnknownPixelsTakeTheSideOfTheWholeRectanglesMinimumCut) {
   for (int trial = 0; trial < 12; ++trial) {
     const int w = 16 + trial, h = 12 + trial / 2;
     const Band b(rng, w, h, w * 3 + trial % 3, h * 3 - trial % 2);
-    const TrimapLinks links(&fg, &bg, table, trial % 2 ? 50.0 : 8.0, false);
-    const GridGraph rect = wholeRectangle(b, links);
+    const bool grey = trial % 3 == 2;  // grey features: the grey byte and the two texture maps
+    const TrimapLinks links(&fg, &bg, table, trial % 2 ? 50.0 : 8.0, grey);
+    const GridGraph rect = wholeRectangle(b, links, grey);
     const gridtest::OracleResult oracle = gridtest::solveWithOracle(rect);
     for (bool merged : {false, true}) {
       SCOPED_TRACE(testing::Message() << "trial " << trial << (merged ? ", fixed pixels merged" : ""));
       IplImage header = cvIplImage(b.trimap), colour = cvIplImage(b.colour);
+      IplImage ta = cvIplImage(b.texA), tb = cvIplImage(b.texB);
+      const IplImage* texA = grey ? &ta : nullptr;
+      const IplImage* texB = grey ? &tb : nullptr;
       BandGraph band(&header, b.xmap, b.ymap, merged);
-      std::unique_ptr<ZIRKSEGraph> g(band.build(&colour, nullptr, nullptr, links, 1 + trial % 4));
-      std::unique_ptr<ZIRKSEGraph> serial(band.build(&colour, nullptr, nullptr, links, 1));
+      std::unique_ptr<ZIRKSEGraph> g(band.build(&colour, texA, texB, links, 1 + trial % 4));
+      std::unique_ptr<ZIRKSEGraph> serial(band.build(&colour, texA, texB, links, 1));
       ASSERT_TRUE(g != nullptr && serial != nullptr);
       const int32_t n = band.nodeCount();
       for (int32_t p = 0; p < n; ++p) ASSERT_EQ(g->m_nodes[p].tr_cap, serial->m_nodes[p].tr_cap) << p;

@@ -642,11 +642,13 @@ struct Solver {
 
   // Before the trees grow: every path source -> p -> q -> sink through one
   // link is saturated at once (the cheapest augmentations there are).
-  void pushTerminalPairs() {
+  // Over nodes lo..hi - 1; their pushes stay among them when no arc leads
+  // out of them (a part with its seams held).
+  void pushTerminalPairs(int32_t lo, int32_t hi) {
     float* const arcs = g.m_arcs;
     nodes* const base = g.m_nodes;
     int32_t list[8];
-    for (nodes* p = base; p < g.m_nodeLast; ++p) {
+    for (nodes* p = base + lo; p < base + hi; ++p) {
       if (p->tr_cap <= 0.0f) continue;
       topo.list(static_cast<int32_t>(p - base), list);
       for (int k = 0; k < 8 && p->tr_cap > 0.0f; ++k) {
@@ -879,13 +881,17 @@ void ZIRKSEGraph::ProcessSinkOrphans(nodes* orphan) {
 namespace {
 
 // The start shared by every solve: queues emptied, unfilled slots filled,
-// one-link paths saturated. False when nothing may be solved.
-bool startSolve(ZIRKSEGraph* g) {
+// and with `pairs` one-link paths saturated (a solve in parts does that in
+// each part, on its thread). False when nothing may be solved.
+bool startSolve(ZIRKSEGraph* g, bool pairs) {
   g->m_activeFirst = g->m_activeLast = nullptr;
   g->m_orphanFirst = g->m_orphanLast = nullptr;
   if (!g->prepareForSolve()) return false;
   // A cancelled solve leaves the graph as it was filled.
-  if (!ZIRKSEMarker::m_exitApp) withSolver(*g, [](auto& s) { s.pushTerminalPairs(); });
+  if (pairs && !ZIRKSEMarker::m_exitApp) {
+    const int32_t n = static_cast<int32_t>(g->m_nodeLast - g->m_nodes);
+    withSolver(*g, [n](auto& s) { s.pushTerminalPairs(0, n); });
+  }
   g->m_time = 0;
   return true;
 }
@@ -909,7 +915,7 @@ void startTrees(ZIRKSEGraph* g, ZIRKSEGraph* view, int64_t lo, int64_t hi) {
 }  // namespace
 
 void ZIRKSEGraph::maxflowInit() {
-  if (!startSolve(this)) return;  // empty queue: the solve ends at once
+  if (!startSolve(this, true)) return;  // empty queue: the solve ends at once
   const int64_t grid = static_cast<int64_t>(m_width) * m_height;
   const int64_t count = m_nodeCount < grid ? m_nodeCount : grid;
   const int waves = m_bandUp != nullptr ? kBandWaves : (m_warmFill ? 0 : kGridWaves);
@@ -931,9 +937,9 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
   }
   // A band routes on every solve; a grid only on a fresh fill, as maxflowInit does.
   const int waves = band ? kBandWaves : (g->m_warmFill ? 0 : kGridWaves);
-  // The one-link paths of the whole graph; each part routes and starts
-  // its trees on its own thread.
-  if (!startSolve(g) || ZIRKSEMarker::m_exitApp) return g->m_flow;
+  // Each part saturates its one-link paths, routes and starts its trees on
+  // its own thread (the seams' one-link paths are left to the joins).
+  if (!startSolve(g, false) || ZIRKSEMarker::m_exitApp) return g->m_flow;
 
   // 1. Hold back the links between parts: those of each part's first row
   // to the row above, kept per seam.
@@ -1000,6 +1006,7 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
         v->m_activeFirst = v->m_activeLast = nullptr;
         v->m_orphanFirst = v->m_orphanLast = nullptr;
       }
+      if (firstRound && !ZIRKSEMarker::m_exitApp) withSolver(*v, [lo, hi](auto& s) { s.pushTerminalPairs(lo, hi); });
       if (route > 0) withSolver(*v, [lo, hi, route](auto& s) { s.routeExcess(lo, hi, route); });
       startTrees(g, v, lo, hi);
       v->maxFlowSerialCall();

@@ -17,6 +17,7 @@
 #include <opencv2/core/core_c.h>
 
 #include <cstdint>
+#include <vector>
 
 #include "colormodel/ZIRKSEColorModel.h"
 #include "graphcut/ZIRKSEGraph.h"
@@ -109,3 +110,9 @@ class SEGCORE_EXPORT ZIRKSEHybrid {
 // sameModels: the colour models are those of the last fill, so are the
 // terminal capacities (the fixed labels never change within a segmentation).
 void ZIRK_fillBoxGraph(ZIRKSEHybrid* hybrid, bool keepFlow, bool sameModels);
+
+// The index of the `from` positions that each of `to` positions shows when a
+// row of `from` pixels is resized to `to` by nearest neighbour, read from the
+// resize itself (the same along rows and columns), for enlarging and for
+// reducing without the resized image.
+std::vector<int32_t> ZIRK_nearestMap(int from, int to);

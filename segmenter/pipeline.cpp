@@ -77,25 +77,6 @@ struct StageTimer {
   double start;
 };
 
-// The full-size index that each of `small` positions shows when `full`
-// positions are reduced by nearest neighbour (along the columns of an image
-// when `down`, else along its rows). It is read from the reduction itself,
-// run on 8-bit probes like the label images: the index goes through byte by
-// byte.
-std::vector<int32_t> reductionMap(int full, int small, bool down) {
-  std::vector<int32_t> map(static_cast<size_t>(small > 0 ? small : 0), 0);
-  if (full < 1 || small < 1) return map;
-  const cv::Size fullSize = down ? cv::Size(1, full) : cv::Size(full, 1);
-  const cv::Size smallSize = down ? cv::Size(1, small) : cv::Size(small, 1);
-  cv::Mat probe(fullSize, CV_8U), reduced;
-  for (int shift = 0; (full - 1) >> shift > 0 || shift == 0; shift += 8) {
-    for (int i = 0; i < full; ++i) probe.data[i] = static_cast<uint8_t>(i >> shift);
-    cv::resize(probe, reduced, smallSize, 0, 0, cv::INTER_NEAREST);
-    for (int i = 0; i < small; ++i) map[i] |= static_cast<int32_t>(reduced.data[i]) << shift;
-  }
-  return map;
-}
-
 void resetStageTimes() {
   g_t_preProcess = 0.0;
   g_t_colEst = 0.0;
@@ -209,7 +190,7 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
   }
 
   // 4-6. The labels at working size, each from the source pixel that a
-  // nearest-neighbour reduction shows there (the reduction's own choice, so
+  // nearest-neighbour reduction shows there (the resize's own choice, so
   // the same labels as merging at full size and then reducing, without the
   // full-size label image). With a history mask, unmarked pixels keep the
   // previous result as fixed labels and marked pixels already on the edit's
@@ -225,8 +206,8 @@ void ZIRKSEHybrid::setLabelImage(IplImage* marker) {
     size = cvGetSize(src);
   }
   IplImage* labels = cvCreateImage(size, IPL_DEPTH_8U, 1);
-  const std::vector<int32_t> xmap = reductionMap(w, size.width, false);
-  const std::vector<int32_t> ymap = reductionMap(h, size.height, true);
+  const std::vector<int32_t> xmap = ZIRK_nearestMap(w, size.width);
+  const std::vector<int32_t> ymap = ZIRK_nearestMap(h, size.height);
   IplImage* prev = ZIRKSEMarker::m_prevResult;
   const uint8_t fixed = isAddingEdit(kind) ? kLabelObjectFixed : kLabelBackgroundFixed;
   const uint8_t result = isAddingEdit(kind) ? 255 : 0;

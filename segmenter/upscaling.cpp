@@ -69,15 +69,6 @@ class DeleteOnExit {
   ZIRKSEGraph** m_graph;
 };
 
-// The working index shown by each of `full` pixels when `small` pixels are
-// enlarged by nearest neighbour, taken from the enlargement itself.
-std::vector<int32_t> nearestMap(int small, int full) {
-  cv::Mat index(1, small, CV_32S), enlarged;
-  for (int i = 0; i < small; ++i) index.at<int32_t>(0, i) = i;
-  cv::resize(index, enlarged, cv::Size(full, 1), 0, 0, cv::INTER_NEAREST);
-  return std::vector<int32_t>(enlarged.ptr<int32_t>(0), enlarged.ptr<int32_t>(0) + full);
-}
-
 // The full-size mask: the working labels enlarged, object = 2 or 4, where
 // the band's unknown pixels take the side of the cut.
 void writeResult(const BandGraph& band, const std::vector<int32_t>& xmap,
@@ -103,6 +94,14 @@ void writeResult(const BandGraph& band, const std::vector<int32_t>& xmap,
 }
 
 }  // namespace
+
+std::vector<int32_t> ZIRK_nearestMap(int from, int to) {
+  if (from < 1 || to < 1) return std::vector<int32_t>(static_cast<size_t>(to > 0 ? to : 0), 0);
+  cv::Mat index(1, from, CV_32S), resized;
+  for (int i = 0; i < from; ++i) index.at<int32_t>(0, i) = i;
+  cv::resize(index, resized, cv::Size(to, 1), 0, 0, cv::INTER_NEAREST);
+  return std::vector<int32_t>(resized.ptr<int32_t>(0), resized.ptr<int32_t>(0) + to);
+}
 
 IplImage* ZIRKSEHybrid::cropImageTrimap(IplImage* src, int width, int height, int y0, int x0) {
   if (width < 1 || height < 1 || src == nullptr) {
@@ -183,8 +182,8 @@ IplImage* ZIRKSEHybrid::intelligentUpscaling(IplImage* mask) {
   // row y show working pixel (xmap[x], ymap[y]). Resizing index images gives
   // exactly the mapping of an image enlargement, without the full-size
   // label and trimap images.
-  std::vector<int32_t> xmap = nearestMap(small.width, full.width);
-  std::vector<int32_t> ymap = nearestMap(small.height, full.height);
+  std::vector<int32_t> xmap = ZIRK_nearestMap(small.width, full.width);
+  std::vector<int32_t> ymap = ZIRK_nearestMap(small.height, full.height);
 
   // 5. The band and its bounding rectangle. The link capacities come from
   // exp(-beta d^2) for every channel difference d. Fixed pixels whose hard

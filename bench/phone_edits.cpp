@@ -531,6 +531,7 @@ void photoEdits(const Options& o) {
     printFigure(prefix + "add_ms", figures[i].stroke);
     printHash(prefix + "rect.mask", figures[i].rectHash);
     printHash(prefix + "add.mask", figures[i].strokeHash);
+    for (const auto& slot : figures[i].slots) printFigure(prefix + "rect." + slot.first + "_ms", slot.second);
   }
   printFigure("photos.mean.rect_ms", mean(engineMedians));
   for (const auto& slot : slotMeans) printFigure("photos.mean.rect." + slot.first + "_ms", slot.second);

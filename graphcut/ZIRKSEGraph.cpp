@@ -57,6 +57,9 @@ constexpr int32_t kInfiniteDistance = 2147483647;
 constexpr int kBandWaves = 64;
 constexpr int kGridWaves = 16;
 constexpr double kWaveStop = 0.02;
+// Side of the square blocks in which a fresh grid gathers its terminal
+// capacities before it solves (see gatherInBlocks).
+constexpr int32_t kGatherBlock = 8;
 // A join of parts that needs more than one augmentation for this many of
 // its nodes is carrying much flow across the seam along long paths: it
 // routes in bulk over the joined nodes and starts its trees anew.
@@ -880,13 +883,87 @@ void ZIRKSEGraph::ProcessSinkOrphans(nodes* orphan) {
 
 namespace {
 
+// Total sink capacity of nodes lo..hi - 1: what is left to the sink.
+double sinkCapacity(const nodes* base, int64_t lo, int64_t hi) {
+  double total = 0.0;
+  for (const nodes* n = base + lo; n < base + hi; ++n)
+    if (n->tr_cap < 0.0f) total -= static_cast<double>(n->tr_cap);
+  return total;
+}
+
+// Pushes terminal capacity of p to its neighbour q through arc a (p -> q):
+// source capacity along a, sink capacity against it (q then sends to p),
+// as far as the arc's residual allows.
+inline void handOn(nodes* base, float* arcs, int32_t p, int32_t q, int32_t a) {
+  float& from = base[p].tr_cap;
+  float& to = base[q].tr_cap;
+  if (arcs[a] == kAbsentArc) return;
+  if (from > 0.0f) {
+    const float f = minCap(from, arcs[a]);
+    arcs[a] -= f;
+    arcs[a ^ 1] += f;
+    from -= f;
+    to += f;
+  } else if (from < 0.0f) {
+    const float f = minCap(-from, arcs[a ^ 1]);
+    arcs[a ^ 1] -= f;
+    arcs[a] += f;
+    from += f;
+    to -= f;
+  }
+}
+
+// Before a fresh solve of a full grid, over its rows y0..y1 - 1: in each
+// kGatherBlock square (counted from row y0), every node hands its terminal
+// capacity on towards the block's centre, along its row to the centre
+// column, then along that column to the centre, as far as the links allow.
+// Moving capacity along an arc changes no cut's value (see routeExcess), so
+// the minimum cuts stay those of the graph as filled. The segmenter's
+// terminal capacities are small beside its links (a few units against about
+// 35): a path from a single node carries one or two units, and the same long
+// path is walked again for the next. Gathered, opposite capacities within a
+// block cancel at once and one path carries a block's worth. No arc leaves
+// the rows. Returns the flow this routes to the sink (the fall of the rows'
+// total sink capacity).
+double gatherInBlocks(const ZIRKSEGraph& g, int32_t y0, int32_t y1) {
+  const int32_t w = g.m_width;
+  nodes* const base = g.m_nodes;
+  float* const arcs = g.m_arcs;
+  const int64_t lo = static_cast<int64_t>(y0) * w, hi = static_cast<int64_t>(y1) * w;
+  const double before = sinkCapacity(base, lo, hi);
+  for (int32_t by = y0; by < y1; by += kGatherBlock) {
+    const int32_t last = std::min(by + kGatherBlock, y1) - 1;
+    const int32_t cy = (by + last) / 2;
+    for (int32_t bx = 0; bx < w; bx += kGatherBlock) {
+      const int32_t x1 = std::min(bx + kGatherBlock, w) - 1;
+      const int32_t cx = (bx + x1) / 2;
+      // Rows towards the centre column: rightwards through the right
+      // neighbour's reversed left arc, leftwards through the node's own.
+      for (int32_t y = by; y <= last; ++y) {
+        const int32_t row = y * w;
+        for (int32_t p = row + bx; p < row + cx; ++p) handOn(base, arcs, p, p + 1, 8 * (p + 1) + 1);
+        for (int32_t p = row + x1; p > row + cx; --p) handOn(base, arcs, p, p - 1, 8 * p);
+      }
+      // The centre column towards the centre, likewise through the up arcs.
+      for (int32_t p = by * w + cx; p < cy * w + cx; p += w) handOn(base, arcs, p, p + w, 8 * (p + w) + 5);
+      for (int32_t p = last * w + cx; p > cy * w + cx; p -= w) handOn(base, arcs, p, p - w, 8 * p + 4);
+    }
+  }
+  return before - sinkCapacity(base, lo, hi);
+}
+
 // The start shared by every solve: queues emptied, unfilled slots filled,
-// and with `pairs` one-link paths saturated (a solve in parts does that in
-// each part, on its thread). False when nothing may be solved.
+// a fresh full grid's terminal capacities gathered in blocks, and with
+// `pairs` one-link paths saturated (a solve in parts does that in each
+// part, on its thread). False when nothing may be solved.
 bool startSolve(ZIRKSEGraph* g, bool pairs) {
   g->m_activeFirst = g->m_activeLast = nullptr;
   g->m_orphanFirst = g->m_orphanLast = nullptr;
   if (!g->prepareForSolve()) return false;
+  const bool grid = g->m_bandUp == nullptr && g->m_numBlocks <= 1 &&
+                    static_cast<int64_t>(g->m_width) * g->m_height == g->m_nodeCount;
+  if (grid && !g->m_warmFill && !ZIRKSEMarker::m_exitApp)
+    g->m_flow += static_cast<float>(gatherInBlocks(*g, 0, g->m_height));
   // A cancelled solve leaves the graph as it was filled.
   if (pairs && !ZIRKSEMarker::m_exitApp) {
     const int32_t n = static_cast<int32_t>(g->m_nodeLast - g->m_nodes);
@@ -1005,6 +1082,7 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
         route = band ? kBandWaves : kGridWaves;
         v->m_activeFirst = v->m_activeLast = nullptr;
         v->m_orphanFirst = v->m_orphanLast = nullptr;
+        if (!band) v->m_flow += static_cast<float>(gatherInBlocks(*g, lo / g->m_width, hi / g->m_width));
       }
       if (firstRound && !ZIRKSEMarker::m_exitApp) withSolver(*v, [lo, hi](auto& s) { s.pushTerminalPairs(lo, hi); });
       if (route > 0) withSolver(*v, [lo, hi, route](auto& s) { s.routeExcess(lo, hi, route); });

@@ -75,12 +75,14 @@ TEST_F(MaxFlow, RefusalsCancelAndSpentBudget) {
   ZIRKSEMarker::m_exitApp = false;
   g_cancelTimer = create_timer();
   start_cpu_timer(g_cancelTimer);
-  GridGraph chain(6, 1);  // from node 0 (source) to node 5 (sink): no pre-flow
-  chain.src[0] = chain.snk[5] = 5.0f;
-  for (int p = 1; p < 6; ++p) chain.e[4 * p] = Slot{10.0f, 10.0f, false};
+  // From node 0 (source) to node 19 (sink): no pre-flow, and the two ends
+  // lie in different blocks of the gathering before the solve.
+  GridGraph chain(20, 1);
+  chain.src[0] = chain.snk[19] = 5.0f;
+  for (int p = 1; p < 20; ++p) chain.e[4 * p] = Slot{10.0f, 10.0f, false};
   for (int spent : {9, 11}) {
     g_cancelTimer->start.tv_sec -= spent == 9 ? 9 : 2;
-    ZIRKSEGraph line(6, 48, 6, 1, 0);
+    ZIRKSEGraph line(20, 160, 20, 1, 0);
     fill(line, chain);
     EXPECT_EQ(line.maxFlow(), spent == 9 ? 5.0f : 0.0f);
     EXPECT_EQ(ZIRKSEMarker::m_exitApp, spent == 11);

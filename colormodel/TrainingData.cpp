@@ -15,11 +15,15 @@
 #include "colormodel/Clustering.h"
 #include "engine/ZIRKSEMarker.h"
 #include "support/ZIRKMemory.h"
+#include "support/ZIRKRows.h"
 
 namespace {
 
 constexpr int kComponents = 5;
 constexpr size_t kMinSamples = 5;
+// Refits of at least this many samples assign them on kAssignmentThreads threads.
+constexpr size_t kThreadedAssignment = 16384;
+constexpr int kAssignmentThreads = 4;
 const pixelVal kPadSample{10.0, 20.0, 30.0};
 
 // Moment estimation shared by every fit; ends with setDeterminant (the
@@ -192,7 +196,13 @@ void updateModel(const std::vector<pixelVal>& samples, ZIRKSEColorModel& model) 
     int* buffer = static_cast<int*>(ZIRK_Malloc_Msg(n * sizeof(int), "updateModel", 725));
     if (buffer == nullptr) return;  // the allocator has logged
     // One hard-assignment step: each sample to its most likely component.
-    for (size_t i = 0; i < n; ++i) buffer[i] = model.assignCluster(samples[i]);
+    // Each sample's component depends on that sample alone: large fits
+    // share the samples out over threads (the same labels).
+    // (assignCluster only reads the model.)
+    auto assign = [&](int begin, int end) {
+      for (int i = begin; i < end; ++i) buffer[i] = model.assignCluster(samples[static_cast<size_t>(i)]);
+    };
+    ZIRK_runInBands(static_cast<int>(n), n >= kThreadedAssignment ? kAssignmentThreads : 1, assign);
     labels.assign(buffer, buffer + n);
     ZIRK_Free_Msg(buffer, "updateModel", 725);
   }

@@ -567,7 +567,7 @@ struct Solver {
     int32_t bestArc = ORPHAN;
     for (int k = 0; k < 8; ++k) {
       const int32_t a = list[k];
-      if (a == kNoNeighbour || arcs[a] == kAbsentArc || arcs[a ^ towards] == 0.0f) continue;
+      if (a == kNoNeighbour || !(arcs[a ^ towards] > 0.0f)) continue;  // absent or saturated
       const nodes* q = base + topo.head(a);
       if (q->parent == ORPHAN || q->tree != Tree) continue;
       const int32_t d = g.m_stamp != nullptr ? markedDistance(a) : chainDistance(base, topo, a);
@@ -658,7 +658,7 @@ struct Solver {
         const int32_t a = list[k];
         if (a == kNoNeighbour) continue;
         const float c = arcs[a];
-        if (c == kAbsentArc || c == 0.0f) continue;
+        if (!(c > 0.0f)) continue;  // absent (negative) or saturated
         nodes* q = base + topo.head(a);
         if (q->tr_cap >= 0.0f) continue;
         const float f = minCap(minCap(p->tr_cap, -q->tr_cap), c);
@@ -707,7 +707,7 @@ struct Solver {
           const int32_t a = list[k];
           if (a == kNoNeighbour) continue;
           const float c = arcs[a ^ 1];  // residual from the neighbour into v
-          if (c == kAbsentArc || c == 0.0f) continue;
+          if (!(c > 0.0f)) continue;  // absent (negative) or saturated
           const int32_t u = topo.head(a);
           if (dist[u] != kInfiniteDistance) continue;
           dist[u] = dist[v] + 1;
@@ -725,7 +725,7 @@ struct Solver {
           const int32_t a = list[k];
           if (a == kNoNeighbour) continue;
           const float c = arcs[a];
-          if (c == kAbsentArc || c == 0.0f) continue;
+          if (!(c > 0.0f)) continue;  // absent (negative) or saturated
           const int32_t v = topo.head(a);
           if (dist[v] != dist[u] - 1) continue;
           const float f = minCap(pu->tr_cap, c);
@@ -763,7 +763,7 @@ struct Solver {
       const int32_t a = list[k];
       if (a == kNoNeighbour) continue;
       const float c = arcs[a ^ outwards];
-      if (c == kAbsentArc || c == 0.0f) continue;
+      if (!(c > 0.0f)) continue;  // absent (negative) or saturated
       const int32_t qi = topo.head(a);
       nodes* q = base + qi;
       if (q->tree == FREE) {

@@ -447,6 +447,10 @@ struct GridTopology {
   int32_t height;
   int32_t head(int32_t arc) const { return headOf(offset, arc); }
   void list(int32_t p, int32_t out[8]) const { neighbourList(p, width, height, out); }
+  // The head of arc, entry k of p's list: on a grid a fixed step from p,
+  // cheaper than decoding the arc.
+  int32_t entryHead(int32_t p, int k, int32_t /*arc*/) const { return p + delta[k]; }
+  int32_t delta[8];  // node steps of the list entries, from the width
 };
 
 struct BandTopology {
@@ -471,6 +475,8 @@ struct BandTopology {
     out[6] = below + 5;
     out[7] = below - 1;
   }
+  // The head of arc, entry k of p's list.
+  int32_t entryHead(int32_t /*p*/, int /*k*/, int32_t arc) const { return head(arc); }
 };
 
 // Length of the parent chain from the head of `arc` to its terminal, counted
@@ -558,7 +564,8 @@ struct Solver {
     float* const arcs = g.m_arcs;
     nodes* const base = g.m_nodes;
     int32_t list[8];
-    topo.list(static_cast<int32_t>(orphan - base), list);
+    const int32_t o = static_cast<int32_t>(orphan - base);
+    topo.list(o, list);
     // Source tree: the neighbour must send into the orphan (reverse arc);
     // sink tree: the orphan must send into the neighbour (the arc itself).
     const int32_t towards = Tree == SOURCE ? 1 : 0;
@@ -568,7 +575,7 @@ struct Solver {
     for (int k = 0; k < 8; ++k) {
       const int32_t a = list[k];
       if (a == kNoNeighbour || !(arcs[a ^ towards] > 0.0f)) continue;  // absent or saturated
-      const nodes* q = base + topo.head(a);
+      const nodes* q = base + topo.entryHead(o, k, a);
       if (q->parent == ORPHAN || q->tree != Tree) continue;
       const int32_t d = g.m_stamp != nullptr ? markedDistance(a) : chainDistance(base, topo, a);
       if (d != kInfiniteDistance && d < best) {
@@ -579,7 +586,6 @@ struct Solver {
     if (bestArc != ORPHAN) {
       orphan->parent = bestArc;
       if (g.m_stamp != nullptr) {
-        const int32_t o = static_cast<int32_t>(orphan - base);
         g.m_stamp[o] = g.m_time;
         g.m_dist[o] = best;
       }
@@ -591,7 +597,7 @@ struct Solver {
     for (int k = 0; k < 8; ++k) {
       const int32_t a = list[k];
       if (a == kNoNeighbour || arcs[a] == kAbsentArc) continue;
-      nodes* q = base + topo.head(a);
+      nodes* q = base + topo.entryHead(o, k, a);
       if (q->tree != Tree) continue;
       if (arcs[a ^ towards] != 0.0f) g.AddToActiveQueue(q);
       if (q->parent == ORPHAN) continue;
@@ -659,7 +665,7 @@ struct Solver {
         if (a == kNoNeighbour) continue;
         const float c = arcs[a];
         if (!(c > 0.0f)) continue;  // absent (negative) or saturated
-        nodes* q = base + topo.head(a);
+        nodes* q = base + topo.entryHead(static_cast<int32_t>(p - base), k, a);
         if (q->tr_cap >= 0.0f) continue;
         const float f = minCap(minCap(p->tr_cap, -q->tr_cap), c);
         arcs[a] -= f;
@@ -708,7 +714,7 @@ struct Solver {
           if (a == kNoNeighbour) continue;
           const float c = arcs[a ^ 1];  // residual from the neighbour into v
           if (!(c > 0.0f)) continue;  // absent (negative) or saturated
-          const int32_t u = topo.head(a);
+          const int32_t u = topo.entryHead(v, k, a);
           if (dist[u] != kInfiniteDistance) continue;
           dist[u] = dist[v] + 1;
           queue[tail++] = u;
@@ -726,7 +732,7 @@ struct Solver {
           if (a == kNoNeighbour) continue;
           const float c = arcs[a];
           if (!(c > 0.0f)) continue;  // absent (negative) or saturated
-          const int32_t v = topo.head(a);
+          const int32_t v = topo.entryHead(u, k, a);
           if (dist[v] != dist[u] - 1) continue;
           const float f = minCap(pu->tr_cap, c);
           arcs[a] -= f;
@@ -764,7 +770,7 @@ struct Solver {
       if (a == kNoNeighbour) continue;
       const float c = arcs[a ^ outwards];
       if (!(c > 0.0f)) continue;  // absent (negative) or saturated
-      const int32_t qi = topo.head(a);
+      const int32_t qi = topo.entryHead(p, k, a);
       nodes* q = base + qi;
       if (q->tree == FREE) {
         q->tree = Tree;
@@ -861,7 +867,8 @@ auto withSolver(ZIRKSEGraph& g, Call call) {
     Solver<BandTopology> solver{g, BandTopology{g.m_bandUp, g.m_bandDown}};
     return call(solver);
   }
-  Solver<GridTopology> solver{g, GridTopology{g.m_neighbourOffset, g.m_width, g.m_height}};
+  const int32_t w = g.m_width;
+  Solver<GridTopology> solver{g, GridTopology{g.m_neighbourOffset, g.m_width, g.m_height, {-1, -w - 1, -w, -w + 1, 1, w + 1, w, w - 1}}};
   return call(solver);
 }
 

@@ -890,11 +890,12 @@ void ZIRKSEGraph::ProcessSinkOrphans(nodes* orphan) {
 
 namespace {
 
-// Total sink capacity of nodes lo..hi - 1: what is left to the sink.
+// Total finite sink capacity of nodes lo..hi - 1: what is left to the sink.
+// An infinite one stays infinite whatever is handed on, so it is left out.
 double sinkCapacity(const nodes* base, int64_t lo, int64_t hi) {
   double total = 0.0;
   for (const nodes* n = base + lo; n < base + hi; ++n)
-    if (n->tr_cap < 0.0f) total -= static_cast<double>(n->tr_cap);
+    if (n->tr_cap < 0.0f && std::isfinite(n->tr_cap)) total -= static_cast<double>(n->tr_cap);
   return total;
 }
 

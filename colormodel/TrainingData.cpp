@@ -196,9 +196,9 @@ void updateModel(const std::vector<pixelVal>& samples, ZIRKSEColorModel& model) 
     int* buffer = static_cast<int*>(ZIRK_Malloc_Msg(n * sizeof(int), "updateModel", 725));
     if (buffer == nullptr) return;  // the allocator has logged
     // One hard-assignment step: each sample to its most likely component.
-    // Each sample's component depends on that sample alone: large fits
-    // share the samples out over threads (the same labels).
-    // (assignCluster only reads the model.)
+    // Each sample's component depends on that sample alone (assignCluster
+    // only reads the model): large fits share the samples out over threads,
+    // with the same labels.
     auto assign = [&](int begin, int end) {
       for (int i = begin; i < end; ++i) buffer[i] = model.assignCluster(samples[static_cast<size_t>(i)]);
     };

@@ -13,10 +13,11 @@
 // Distances to the terminal are kept per node with the step at which they
 // were confirmed, so adoption walks a chain only as far as the first node
 // confirmed in the current step (block views of the parallel solver keep no
-// distances and walk whole chains). Before the trees grow, every one-link
-// path source -> p -> q -> sink is saturated. Whatever order the paths are
-// found in, the cut read from the trees is the minimum cut whose sink side
-// is exactly the nodes that still reach the sink.
+// distances and walk whole chains). Before the trees grow, a fresh grid
+// gathers its terminal capacities in small blocks and routes them in bulk,
+// and every one-link path source -> p -> q -> sink is saturated. Whatever
+// order the paths are found in, the cut read from the trees is the minimum
+// cut whose sink side is exactly the nodes that still reach the sink.
 // Nothing is allocated here after construction; queues are intrusive links
 // in the node records. A block view (second constructor) runs the same
 // solver over its own queues on arrays it borrows from its parent. A band
@@ -868,7 +869,8 @@ auto withSolver(ZIRKSEGraph& g, Call call) {
     return call(solver);
   }
   const int32_t w = g.m_width;
-  Solver<GridTopology> solver{g, GridTopology{g.m_neighbourOffset, g.m_width, g.m_height, {-1, -w - 1, -w, -w + 1, 1, w + 1, w, w - 1}}};
+  const GridTopology grid{g.m_neighbourOffset, w, g.m_height, {-1, -w - 1, -w, -w + 1, 1, w + 1, w, w - 1}};
+  Solver<GridTopology> solver{g, grid};
   return call(solver);
 }
 
@@ -1090,7 +1092,9 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
         route = band ? kBandWaves : kGridWaves;
         v->m_activeFirst = v->m_activeLast = nullptr;
         v->m_orphanFirst = v->m_orphanLast = nullptr;
-        if (!band) v->m_flow += static_cast<float>(gatherInBlocks(*g, lo / g->m_width, hi / g->m_width));
+        if (!band) {
+          v->m_flow += static_cast<float>(gatherInBlocks(*g, lo / g->m_width, hi / g->m_width));
+        }
       }
       if (firstRound && !ZIRKSEMarker::m_exitApp) withSolver(*v, [lo, hi](auto& s) { s.pushTerminalPairs(lo, hi); });
       if (route > 0) withSolver(*v, [lo, hi, route](auto& s) { s.routeExcess(lo, hi, route); });

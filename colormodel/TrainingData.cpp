@@ -199,8 +199,9 @@ void updateModel(const std::vector<pixelVal>& samples, ZIRKSEColorModel& model) 
     // Each sample's component depends on that sample alone (assignCluster
     // only reads the model): large fits share the samples out over threads,
     // with the same labels.
+    const NearestComponent nearest(model);
     auto assign = [&](int begin, int end) {
-      for (int i = begin; i < end; ++i) buffer[i] = model.assignCluster(samples[static_cast<size_t>(i)]);
+      for (int i = begin; i < end; ++i) buffer[i] = nearest(samples[static_cast<size_t>(i)]);
     };
     ZIRK_runInBands(static_cast<int>(n), n >= kThreadedAssignment ? kAssignmentThreads : 1, assign);
     labels.assign(buffer, buffer + n);

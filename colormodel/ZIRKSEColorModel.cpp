@@ -6,7 +6,12 @@
 // whose determinant is 0 skips its exp. No query allocates. The model is
 // 5 x 35 doubles (1.4 KB) and owns no heap memory.
 // Measured: GMMProb about 44 ns per call on random colours against a fitted
-// model (x86-64 AMD EPYC server core, -O2, 2026-11).
+// model (x86-64 AMD EPYC server core, -O2, 2026-11). The refits' hard
+// assignment goes through NearestComponent, which needs no exp for nearly
+// every sample: over all pixels of the 13 evaluation photos against models
+// fitted to them, 212 -> 100 ms for both models, every answer the same.
+// Skipping GMMProb's negligible terms the same way was slower (the ranking
+// costs more than the few exps it saves).
 #include "colormodel/ZIRKSEColorModel.h"
 
 #include <android/log.h>
@@ -50,6 +55,42 @@ double greyComponent(const ZIRKSEColorModel& m, int k, const pixelVal& x) {
   const double v = m.m_covariance[k][0];
   const double d = x.c0 - m.m_mean[k][0];
   return std::exp(-0.5 * d * d / v) / std::sqrt(v);
+}
+
+double mixtureOf(const ZIRKSEColorModel& m, const pixelVal& x) {
+  // Unrolled on purpose: five independent quadratic forms the compiler can
+  // interleave; summed in index order.
+  double p = 0.0;
+  if (m.m_determinant[0] != 0.0)
+    p += m.m_weight[0] * (m.m_normFactor[0] *
+                          std::exp(-0.5 * quadraticForm(m.m_invCovariance[0], m.m_mean[0], x)));
+  if (m.m_determinant[1] != 0.0)
+    p += m.m_weight[1] * (m.m_normFactor[1] *
+                          std::exp(-0.5 * quadraticForm(m.m_invCovariance[1], m.m_mean[1], x)));
+  if (m.m_determinant[2] != 0.0)
+    p += m.m_weight[2] * (m.m_normFactor[2] *
+                          std::exp(-0.5 * quadraticForm(m.m_invCovariance[2], m.m_mean[2], x)));
+  if (m.m_determinant[3] != 0.0)
+    p += m.m_weight[3] * (m.m_normFactor[3] *
+                          std::exp(-0.5 * quadraticForm(m.m_invCovariance[3], m.m_mean[3], x)));
+  if (m.m_determinant[4] != 0.0)
+    p += m.m_weight[4] * (m.m_normFactor[4] *
+                          std::exp(-0.5 * quadraticForm(m.m_invCovariance[4], m.m_mean[4], x)));
+  return p;
+}
+
+int nearestOf(const ZIRKSEColorModel& m, const pixelVal& x) {
+  // By component density, not by posterior: the weights are not applied.
+  int best = 0;
+  double bestValue = component(m, 0, x);
+  for (int k = 1; k < kComponents; ++k) {
+    const double p = component(m, k, x);
+    if (!(bestValue >= p)) {
+      best = k;
+      bestValue = p;
+    }
+  }
+  return best;
 }
 
 }  // namespace
@@ -159,27 +200,7 @@ double ZIRKSEColorModel::gaussianProbGreyScale(int k, pixelVal x) {
   return greyComponent(*this, k, x);
 }
 
-double ZIRKSEColorModel::GMMProb(pixelVal x) {
-  // Unrolled on purpose: five independent quadratic forms the compiler can
-  // interleave; summed in index order.
-  double p = 0.0;
-  if (m_determinant[0] != 0.0)
-    p += m_weight[0] * (m_normFactor[0] *
-                        std::exp(-0.5 * quadraticForm(m_invCovariance[0], m_mean[0], x)));
-  if (m_determinant[1] != 0.0)
-    p += m_weight[1] * (m_normFactor[1] *
-                        std::exp(-0.5 * quadraticForm(m_invCovariance[1], m_mean[1], x)));
-  if (m_determinant[2] != 0.0)
-    p += m_weight[2] * (m_normFactor[2] *
-                        std::exp(-0.5 * quadraticForm(m_invCovariance[2], m_mean[2], x)));
-  if (m_determinant[3] != 0.0)
-    p += m_weight[3] * (m_normFactor[3] *
-                        std::exp(-0.5 * quadraticForm(m_invCovariance[3], m_mean[3], x)));
-  if (m_determinant[4] != 0.0)
-    p += m_weight[4] * (m_normFactor[4] *
-                        std::exp(-0.5 * quadraticForm(m_invCovariance[4], m_mean[4], x)));
-  return p;
-}
+double ZIRKSEColorModel::GMMProb(pixelVal x) { return mixtureOf(*this, x); }
 
 double ZIRKSEColorModel::GMMProbGreyScale(pixelVal x) {
   double p = 0.0;
@@ -261,16 +282,53 @@ bool ZIRKSEColorModel::colorModelCriteria() {
   return dominant > 0;
 }
 
-int ZIRKSEColorModel::assignCluster(pixelVal x) {
-  // By component density, not by posterior: the weights are not applied.
-  int best = 0;
-  double bestValue = component(*this, 0, x);
-  for (int k = 1; k < kComponents; ++k) {
-    const double p = component(*this, k, x);
-    if (!(bestValue >= p)) {
+int ZIRKSEColorModel::assignCluster(pixelVal x) { return nearestOf(*this, x); }
+
+namespace {
+
+// A density whose logarithm lies outside this range may be near underflow
+// or overflow of a double; such a query takes the model's own formula.
+constexpr double kLogRange = 700.0;
+// The leading density must exceed the next by more than this in its
+// logarithm for the ranking alone to decide: far above the rounding of the
+// logarithms (about 1e-13 within kLogRange) and of exp and the product
+// (a few parts in 1e16).
+constexpr double kClearLead = 1e-6;
+
+bool positiveFinite(double v) { return v > 0.0 && std::isfinite(v); }
+
+}  // namespace
+
+NearestComponent::NearestComponent(const ZIRKSEColorModel& model) : m_model(model), m_usable(true) {
+  for (int k = 0; k < kComponents; ++k) {
+    m_present[k] = model.m_determinant[k] != 0.0;
+    m_logNorm[k] = 0.0;
+    if (!m_present[k]) continue;
+    if (!positiveFinite(model.m_normFactor[k])) m_usable = false;
+    else m_logNorm[k] = std::log(model.m_normFactor[k]);
+  }
+}
+
+int NearestComponent::operator()(const pixelVal& x) const {
+  const ZIRKSEColorModel& m = m_model;
+  if (!m_usable) return nearestOf(m, x);
+  // The two largest logarithms. Absent components have density 0, below
+  // any leader inside kLogRange.
+  int best = -1;
+  double first = -HUGE_VAL, second = -HUGE_VAL;
+  for (int k = 0; k < kComponents; ++k) {
+    if (!m_present[k]) continue;
+    const double l = m_logNorm[k] - 0.5 * quadraticForm(m.m_invCovariance[k], m.m_mean[k], x);
+    if (std::isnan(l)) return nearestOf(m, x);
+    if (l > first) {
+      second = first;
+      first = l;
       best = k;
-      bestValue = p;
+    } else if (l > second) {
+      second = l;
     }
   }
+  if (best < 0 || first > kLogRange || first < -kLogRange || !(first - second > kClearLead))
+    return nearestOf(m, x);
   return best;
 }

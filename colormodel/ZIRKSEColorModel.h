@@ -70,3 +70,24 @@ class SEGCORE_EXPORT ZIRKSEColorModel {
   double m_normFactor[5];        // 1/sqrt(determinant)
   double m_invCovariance[5][9];  // row-major 3x3
 };
+
+// assignCluster() of a model that does not change while it runs, with no
+// exponential: components are ranked by the logarithm of their density
+// (log of the factor less half the quadratic form, computed as the model
+// computes it), and a component that leads the next by a clear margin is
+// the one of highest density, whatever the rounding of the densities.
+// Anything else (a tie or near-tie, a NaN, a density near the range of
+// doubles, a factor that is not positive and finite) takes the model's own
+// formula, so the answer is always assignCluster's. Built once per fit;
+// holds a reference to the model.
+class NearestComponent {
+ public:
+  explicit NearestComponent(const ZIRKSEColorModel& model);
+  int operator()(const pixelVal& x) const;
+
+ private:
+  const ZIRKSEColorModel& m_model;
+  bool m_present[5];    // determinant not 0: the component has a density
+  bool m_usable;        // every present component's factor is positive and finite
+  double m_logNorm[5];  // log(normFactor) of a present component
+};

@@ -133,6 +133,69 @@ TEST_F(ColorModel, DensitiesMatchDirectFormulas) {
   EXPECT_NEAR(z.GMMProb(x), others, 1e-9 * others + 1e-300);
 }
 
+// The exponential-free ranking gives assignCluster's answer on random
+// models, near and far from the components, and that answer is the
+// component of highest density by the direct formula wherever the top two
+// densities are clearly apart. Ties (a duplicated component), densities that
+// underflow far from tight components, absent components and a NaN colour
+// take the model's own formula and agree as well.
+TEST_F(ColorModel, NearestComponentIsAssignCluster) {
+  std::mt19937 rng(11);
+  std::uniform_real_distribution<double> cube(-40.0, 295.0);
+  for (int trial = 0; trial < 40; ++trial) {
+    ZIRKSEColorModel m = randomModel(rng);
+    const NearestComponent nearest(m);
+    for (int i = 0; i < 400; ++i) {
+      pixelVal x{cube(rng), cube(rng), cube(rng)};
+      if (i % 2 == 0) {
+        std::vector<pixelVal> near;
+        blob(rng, m.m_mean[i % 5], 4.0 + i % 40, 1, &near);
+        x = near[0];
+      }
+      const int k = nearest(x);
+      ASSERT_EQ(k, m.assignCluster(x));
+      double first = -1, second = -1;
+      int best = -1;
+      for (int j = 0; j < 5; ++j) {
+        const double d = density(m.m_mean[j], m.m_covariance[j], x);
+        if (d > first) {
+          second = first;
+          first = d;
+          best = j;
+        } else if (d > second) {
+          second = d;
+        }
+      }
+      if (first > 1e-290 && second < first * (1 - 1e-9)) {
+        EXPECT_EQ(k, best);
+      }
+    }
+  }
+
+  ZIRKSEColorModel twin = randomModel(rng);
+  for (int k = 3; k < 5; ++k) {
+    std::copy_n(twin.m_mean[1], 3, twin.m_mean[k]);
+    std::copy_n(twin.m_covariance[1], 9, twin.m_covariance[k]);
+  }
+  refresh(&twin);
+  twin.m_determinant[0] = 0.0;  // absent
+  const NearestComponent twins(twin);
+  const pixelVal atTwin{twin.m_mean[1][0], twin.m_mean[1][1], twin.m_mean[1][2]};
+  EXPECT_EQ(twins(atTwin), 1);
+  const pixelVal nan{std::numeric_limits<double>::quiet_NaN(), 0, 0};
+  EXPECT_EQ(twins(nan), twin.assignCluster(nan));
+
+  ZIRKSEColorModel tight = randomModel(rng);
+  for (auto& c : tight.m_covariance) std::fill_n(c, 9, 0.0);
+  for (auto& c : tight.m_covariance) c[0] = c[4] = c[8] = 0.01;
+  refresh(&tight);
+  const NearestComponent tights(tight);
+  for (int i = 0; i < 200; ++i) {
+    const pixelVal x{cube(rng), cube(rng), cube(rng)};
+    EXPECT_EQ(tights(x), tight.assignCluster(x));
+  }
+}
+
 // colorModelCriteria on two components: weights w0, w1, determinants d0, d1,
 // means (0, 50, 0) and (x1, 50, z1).
 TEST_F(ColorModel, SimplicityTestThresholds) {

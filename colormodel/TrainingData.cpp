@@ -203,7 +203,7 @@ void updateModel(const std::vector<pixelVal>& samples, ZIRKSEColorModel& model) 
     auto assign = [&](int begin, int end) {
       for (int i = begin; i < end; ++i) buffer[i] = nearest(samples[static_cast<size_t>(i)]);
     };
-    ZIRK_runInBands(static_cast<int>(n), n >= kThreadedAssignment ? kAssignmentThreads : 1, assign);
+    ZIRK_runInBands(static_cast<int>(n), n >= kThreadedAssignment ? ZIRK_threadsFor(kAssignmentThreads) : 1, assign);
     labels.assign(buffer, buffer + n);
     ZIRK_Free_Msg(buffer, "updateModel", 725);
   }

@@ -294,7 +294,7 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
     }
   };
   const int threads =
-      buildThreads > 0 ? std::min(buildThreads, std::max(rows, 1)) : (n > kThreadedBuildNodes ? kBuildThreads : 1);
+      buildThreads > 0 ? std::min(buildThreads, std::max(rows, 1)) : (n > kThreadedBuildNodes ? ZIRK_threadsFor(kBuildThreads) : 1);
   ZIRK_runInBands(rows, threads, fillRows);
   ZIRK_endFillInPlace(g, n, preFlow.data());
   return g;

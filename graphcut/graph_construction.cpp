@@ -120,7 +120,7 @@ void ZIRK_fillBoxGraph(ZIRKSEHybrid* hybrid, bool keepFlow, bool sameModels) {
   // Each pixel's capacities depend on that pixel alone: large boxes share
   // the rows out over threads (the same numbers), a row band per thread.
   if (!sameTerminals) {
-    const int threads = n >= kThreadedPixels ? kTerminalThreads : 1;
+    const int threads = n >= kThreadedPixels ? ZIRK_threadsFor(kTerminalThreads) : 1;
     ZIRK_runInBands(h, threads, terminalRows);
   }
 

@@ -15,6 +15,15 @@ inline const uint8_t* ZIRK_pixelAt(const IplImage* img, int x, int y) {
          static_cast<size_t>(x) * img->nChannels;
 }
 
+// Threads for work that splits into independent slices: `wanted`, or the
+// machine's core count when that is smaller. More threads than cores only
+// add switching and cache traffic: on two cores the box's terminal
+// capacities took 82 ms over the photos on two threads against 100 on four.
+inline int ZIRK_threadsFor(int wanted) {
+  static const unsigned cores = std::thread::hardware_concurrency();  // 0: unknown
+  return cores > 0 && cores < static_cast<unsigned>(wanted) ? static_cast<int>(cores) : wanted;
+}
+
 // Runs fn(begin, end) over `bands` consecutive slices of [0, count), each on
 // its own thread; the first slice, and any whose thread can not be started,
 // run on the calling thread. Returns when all are done.

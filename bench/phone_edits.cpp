@@ -167,6 +167,8 @@ std::map<std::string, double> stageSlots(double wallMs) {
   s["segment"] = g_t_TotalTime;
   s["box"] = g_t_preProcess;
   s["models"] = g_t_colEst + g_t_colUpd;
+  s["fits"] = g_t_colEst;
+  s["refits"] = g_t_colUpd;
   s["graph"] = g_t_tAndNLinks;
   s["maxflow"] = g_t_maxflow;
   s["post"] = g_t_postProcess;
@@ -176,7 +178,7 @@ std::map<std::string, double> stageSlots(double wallMs) {
   s["outside"] = wallMs - g_t_TotalTime - g_t_nLinksComputation;
   return s;
 }
-const char* const kSlotOrder[] = {"segment", "box", "models", "graph", "maxflow", "rest", "post", "nlinks", "outside"};
+const char* const kSlotOrder[] = {"segment", "box", "models", "fits", "refits", "graph", "maxflow", "rest", "post", "nlinks", "outside"};
 
 // "<name> =<ms>" lines with tag GTime, summed by name.
 void addTimerLines(const LogCapture& log, std::map<std::string, double>* into) {

@@ -50,6 +50,9 @@ namespace {
 constexpr int32_t kNoNeighbour = -2;
 // Chain length of a candidate whose chain ends in an orphan or a free node.
 constexpr int32_t kInfiniteDistance = 2147483647;
+// Level of a node whose turn in a routing wave's downhill pass has come
+// (no real level: levels count up from 0).
+constexpr int32_t kPassedWave = -1;
 // Bulk routing before a fresh solve: at most this many waves on a band
 // graph and on a grid, ending early when a wave cancels less than this
 // share of what the first one did. The long thin bands gain from many
@@ -683,7 +686,11 @@ struct Solver {
   // distance to the nearest node of sink capacity along arcs with residual
   // capacity, then hands source capacity downhill, farthest nodes first: a
   // node passes what it holds along its arcs to neighbours one step nearer,
-  // where it cancels against sink capacity or moves on. Moving source
+  // where it cancels against sink capacity or moves on, and what does not
+  // fit there to neighbours of its own distance whose turn is still to come
+  // (on graphs where most flow ends at the box's border, that
+  // halves the serial first cut: the excess left stuck for the next wave
+  // was what the later waves and the trees spent their time on). Moving source
   // capacity from p to q along an arc p -> q changes no cut's value (p's
   // loss and the arc's loss are q's gain, on whichever sides p and q fall),
   // so the minimum cuts stay those of the graph as filled, while flow that
@@ -721,20 +728,27 @@ struct Solver {
           queue[tail++] = u;
         }
       }
-      // 2. Downhill, farthest first.
+      // 2. Downhill, farthest first. What a node can not send down goes
+      // on to neighbours of its own level that are still to come, which
+      // pass it down in turn, instead of waiting for the next wave. A node
+      // is marked passed (kPassedWave) when its turn comes, so nothing is
+      // handed to it afterwards.
       double cancelled = 0.0;
       for (int32_t i = tail - 1; i >= 0; --i) {
         const int32_t u = queue[i];
         nodes* const pu = base + u;
-        if (pu->tr_cap <= 0.0f || dist[u] == 0) continue;
+        const int32_t level = dist[u];
+        dist[u] = kPassedWave;
+        if (pu->tr_cap <= 0.0f || level == 0) continue;
         topo.list(u, list);
+        for (int32_t to = level - 1; to <= level && pu->tr_cap > 0.0f; ++to)
         for (int k = 0; k < 8 && pu->tr_cap > 0.0f; ++k) {
           const int32_t a = list[k];
           if (a == kNoNeighbour) continue;
           const float c = arcs[a];
           if (!(c > 0.0f)) continue;  // absent (negative) or saturated
           const int32_t v = topo.entryHead(u, k, a);
-          if (dist[v] != dist[u] - 1) continue;
+          if (dist[v] != to) continue;
           const float f = minCap(pu->tr_cap, c);
           arcs[a] -= f;
           arcs[a ^ 1] += f;

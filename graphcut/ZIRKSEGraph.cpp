@@ -64,6 +64,9 @@ constexpr double kWaveStop = 0.02;
 // Side of the square blocks in which a fresh grid gathers its terminal
 // capacities before it solves (see gatherInBlocks).
 constexpr int32_t kGatherBlock = 8;
+// A part of a fresh grid stops after one augmentation for this many of its
+// nodes and leaves the rest to the joins (see ZIRK_solveInParts).
+constexpr int32_t kFreshPartNodesPerAugment = 16;
 // A join of parts that needs more than one augmentation for this many of
 // its nodes is carrying much flow across the seam along long paths: it
 // routes in bulk over the joined nodes and starts its trees anew.
@@ -858,6 +861,9 @@ struct Solver {
         }
         if (augmentLimit >= 0 && --augmentLimit < 0) {
           limited = true;
+          // The current node may close further paths: it goes back to the queue.
+          current->next = nullptr;
+          g.AddToActiveQueue(current);
           return g.m_flow;
         }
       }
@@ -1113,7 +1119,14 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
       if (firstRound && !ZIRKSEMarker::m_exitApp) withSolver(*v, [lo, hi](auto& s) { s.pushTerminalPairs(lo, hi); });
       if (route > 0) withSolver(*v, [lo, hi, route](auto& s) { s.routeExcess(lo, hi, route); });
       startTrees(g, v, lo, hi);
-      v->maxFlowSerialCall();
+      // A part of a fresh grid stops after a share of augmentations: what it
+      // would still route along its own rows alone often goes across a seam
+      // in the whole graph, along shorter paths. Its queue passes on to the
+      // join.
+      withSolver(*v, [lo, hi, firstRound, band, g](auto& s) {
+        if (firstRound && !band && !g->m_warmFill) s.augmentLimit = (hi - lo) / kFreshPartNodesPerAugment;
+        s.run();
+      });
     };
     // A group whose thread can not be started solves on this thread.
     std::vector<std::thread> threads;
@@ -1142,8 +1155,20 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
     for (size_t j = 0; j < views.size(); j += 2) {
       joinedFirst.push_back(first[j]);
       joined.push_back(makeView(latest));
-      if (j + 1 == views.size()) continue;
       ZIRKSEGraph* v = joined.back().get();
+      // Nodes that a group stopped short of scanning stay queued.
+      for (size_t k = j; k < j + 2 && k < views.size(); ++k) {
+        ZIRKSEGraph* old = views[k].get();
+        if (old->m_activeFirst == nullptr) continue;
+        if (v->m_activeLast != nullptr) {
+          v->m_activeLast->next = old->m_activeFirst;
+        } else {
+          v->m_activeFirst = old->m_activeFirst;
+        }
+        v->m_activeLast = old->m_activeLast;
+        old->m_activeFirst = old->m_activeLast = nullptr;
+      }
+      if (j + 1 == views.size()) continue;
       std::vector<Held>& seam = held[first[j + 1] - 1];
       for (const Held& h : seam) {
         arcs[h.arc] = h.cap;

@@ -30,7 +30,8 @@ const pixelVal kPadSample{10.0, 20.0, 30.0};
 // inverse is left to the caller's setInverseCovariance).
 void estimateMoments(const std::vector<int>& labels, const std::vector<pixelVal>& samples,
                      ZIRKSEColorModel& model) {
-  const ClusterInfo info(labels, samples);
+  ClusterInfo info({}, {});
+  ZIRK_addToClusters(info, labels.data(), samples.data(), std::min(labels.size(), samples.size()));
   const double n = static_cast<double>(samples.size());
   for (int k = 0; k < kComponents; ++k) {
     const int c = info.count[k];

@@ -99,18 +99,26 @@ ClusterInfo::ClusterInfo(std::vector<int> labels, std::vector<pixelVal> samples)
   std::memset(count, 0, sizeof count);
   std::memset(sum, 0, sizeof sum);
   std::memset(sumProd, 0, sizeof sumProd);
-  // Labels outside 0..4 and samples without a label would index past the
-  // tables; they are skipped.
   const size_t n = samples.size() < labels.size() ? samples.size() : labels.size();
+  ZIRK_addToClusters(*this, labels.data(), samples.data(), n);
+}
+
+void ZIRK_addToClusters(ClusterInfo& info, const int* labels, const pixelVal* samples, size_t n) {
   for (size_t i = 0; i < n; ++i) {
+    // Labels outside 0..4 would index past the tables; they are skipped.
     const int k = labels[i];
     if (k < 0 || k >= kComponents) continue;
     const double x[3] = {samples[i].c0, samples[i].c1, samples[i].c2};
-    count[k] += 1;
-    for (int c = 0; c < 3; ++c) sum[c][k] += x[c];
+    info.count[k] += 1;
+    for (int c = 0; c < 3; ++c) info.sum[c][k] += x[c];
+    // The upper triangle; x_a x_b == x_b x_a exactly, so the lower one is
+    // the same sums and is copied after the loop.
     for (int a = 0; a < 3; ++a)
-      for (int b = 0; b < 3; ++b) sumProd[a * 3 + b][k] += x[a] * x[b];
+      for (int b = a; b < 3; ++b) info.sumProd[a * 3 + b][k] += x[a] * x[b];
   }
+  for (int a = 0; a < 3; ++a)
+    for (int b = 0; b < a; ++b)
+      for (int k = 0; k < kComponents; ++k) info.sumProd[a * 3 + b][k] = info.sumProd[b * 3 + a][k];
 }
 
 ZIRKSEColorModel::ZIRKSEColorModel() {

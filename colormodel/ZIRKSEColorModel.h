@@ -11,6 +11,7 @@
 // nothing to any colour density when its determinant is exactly 0.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -32,6 +33,10 @@ struct SEGCORE_EXPORT ClusterInfo {
 
   ClusterInfo(std::vector<int> labels, std::vector<pixelVal> samples);
 };
+
+// Adds n labelled samples to the statistics, as the constructor does, without
+// copying the lists.
+void ZIRK_addToClusters(ClusterInfo& info, const int* labels, const pixelVal* samples, size_t n);
 
 class SEGCORE_EXPORT ZIRKSEColorModel {
  public:

@@ -1,30 +1,36 @@
-// k-means of colour samples (k-means++ seeding, four-thread assignment step)
-// and the sample-list utilities beside it.
+// k-means of colour samples (k-means++ seeding, assignment step in four
+// quarters) and the sample-list utilities beside it.
 //
-// Cost of one k_means iteration: 5 squared distances per sample, split over
-// four threads that are created and joined per iteration (small fits run
-// the four quarters on the calling thread); at most 10
-// iterations for the live fit. Each thread accumulates in locals and writes
-// its own row of the accumulators once, so the rows share no hot cache line.
+// Cost of one k_means iteration: 5 squared distances per sample, in four
+// quarters; a fit of many samples runs the last two on one helper thread
+// that lives for the whole fit (small fits run all four on the calling
+// thread); at most 10 iterations for the live fit. Each quarter accumulates
+// in locals and writes its own row of the accumulators once, so the rows
+// share no hot cache line.
 #include "colormodel/Clustering.h"
 
 #include <android/log.h>
-#include <pthread.h>
 
 #include <cfloat>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "support/ZIRKRows.h"
 
 int32_t g_maxVarDir = 0;
-// Above any working-size box (at most about 76,800 samples): an iteration
-// over that many samples takes about a quarter of a millisecond, less than
-// starting and joining four threads costs on a busy phone. Measured on two
-// cores: 40,000 samples, 10 iterations, 2.7 ms on the calling thread against
-// 11.6-17 ms threaded while other work ran; both models of a 320x240 crop
-// 5.2-5.5 against 28-56 ms.
-int32_t g_kmeansThreadedSamples = 1 << 18;
+// Fits of at least this many samples share the quarters with a helper
+// thread. Starting four threads for every iteration had cost more than the
+// work at working size (40,000 samples, 10 iterations: 2.7 ms on the calling
+// thread against 11.6-17 ms threaded while other work ran); one helper for
+// the whole fit took the photos' fresh fits from 2.8 to 2.4 ms a photo on
+// two cores.
+int32_t g_kmeansThreadedSamples = 16384;
 int32_t g_kmeansIterations = 0;
 
 namespace {
@@ -56,6 +62,79 @@ double channel(const pixelVal& x, int c) { return c == 0 ? x.c0 : (c == 1 ? x.c1
 double errorPerSample(double error, size_t size) {
   return size > 0 ? error / static_cast<double>(size) : -1.0;
 }
+
+// The assignment step's four quarters: all on the calling thread, or with
+// one helper thread that lives for the whole fit and runs the last two
+// quarters of every iteration while the calling thread runs the first two.
+// The quarters and their totals are the same either way, so are the labels
+// and centres. A helper that can not be started leaves all to the caller.
+class QuarterHelper {
+ public:
+  explicit QuarterHelper(bool start) {
+    if (!start) return;
+    try {
+      m_thread = std::thread(&QuarterHelper::loop, this);
+    } catch (const std::system_error&) {
+      // no helper: the calling thread runs every quarter
+    }
+  }
+  ~QuarterHelper() {
+    if (!m_thread.joinable()) return;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_stop = true;
+    }
+    m_wake.notify_one();
+    m_thread.join();
+  }
+  QuarterHelper(const QuarterHelper&) = delete;
+  QuarterHelper& operator=(const QuarterHelper&) = delete;
+
+  void run(kmeansThreadArgs* args) {
+    if (!m_thread.joinable()) {
+      for (int t = 0; t < kThreads; ++t) findMinDistance(&args[t]);
+      return;
+    }
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_job = args;
+      ++m_posted;
+    }
+    m_wake.notify_one();
+    for (int t = 0; t < kThreads / 2; ++t) findMinDistance(&args[t]);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_doneSignal.wait(lock, [this] { return m_done == m_posted; });
+  }
+
+ private:
+  void loop() {
+    for (;;) {
+      kmeansThreadArgs* job = nullptr;
+      int64_t round = 0;
+      {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_wake.wait(lock, [this] { return m_stop || m_posted != m_done; });
+        if (m_stop) return;
+        job = m_job;
+        round = m_posted;
+      }
+      for (int t = kThreads / 2; t < kThreads; ++t) findMinDistance(&job[t]);
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_done = round;
+      }
+      m_doneSignal.notify_one();
+    }
+  }
+
+  std::thread m_thread;
+  std::mutex m_mutex;
+  std::condition_variable m_wake, m_doneSignal;
+  kmeansThreadArgs* m_job = nullptr;
+  int64_t m_posted = 0;  // iterations handed out
+  int64_t m_done = 0;    // iterations whose last quarters are done
+  bool m_stop = false;
+};
 
 }  // namespace
 
@@ -253,6 +332,8 @@ void k_means(double** samples, int* labels, int n, double epsilon, int maxIterat
   for (int k = 0; k < kClusters; ++k)
     for (int c = 0; c < 3; ++c) centres[k][c] = samples[seeds[k]][c];
 
+  // Below the threshold a helper thread would cost more than the work.
+  QuarterHelper helper(n >= g_kmeansThreadedSamples && ZIRK_threadsFor(2) > 1);
   double previousError = DBL_MAX;
   double sums[kThreads][kClusters][3];
   double counts[kThreads][kClusters];
@@ -264,18 +345,8 @@ void k_means(double** samples, int* labels, int n, double epsilon, int maxIterat
     std::memset(counts, 0, sizeof counts);
     std::memset(errors, 0, sizeof errors);
     kmeansThreadArgs args[kThreads];
-    pthread_t threads[kThreads];
-    bool started[kThreads];
-    for (int t = 0; t < kThreads; ++t) {
-      args[t] = kmeansThreadArgs{samples, labels, n, centres, sums, counts, errors, t};
-      // Below the threshold starting threads would cost more than the work.
-      started[t] = n >= g_kmeansThreadedSamples &&
-                   pthread_create(&threads[t], nullptr, findMinDistance, &args[t]) == 0;
-      // A small fit, or a thread that cannot be created, does its quarter here.
-      if (!started[t]) findMinDistance(&args[t]);
-    }
-    for (int t = 0; t < kThreads; ++t)
-      if (started[t]) pthread_join(threads[t], nullptr);
+    for (int t = 0; t < kThreads; ++t) args[t] = kmeansThreadArgs{samples, labels, n, centres, sums, counts, errors, t};
+    helper.run(args);
 
     // 3. Totals over the threads, in thread order.
     double clusterSum[kClusters][3] = {};

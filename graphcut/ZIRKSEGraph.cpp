@@ -262,9 +262,7 @@ ZIRKSEGraph::~ZIRKSEGraph() {
   if (m_stamp != nullptr) ZIRK_Free_Msg(m_stamp, "~ZIRKSEGraph", 132);
   if (m_dist != nullptr) ZIRK_Free_Msg(m_dist, "~ZIRKSEGraph", 133);
   if (m_fillNet != nullptr) ZIRK_Free_Msg(m_fillNet, "~ZIRKSEGraph", 134);
-  if (m_fillLinks != nullptr) ZIRK_Free_Msg(m_fillLinks, "~ZIRKSEGraph", 135);
   m_fillNet = nullptr;
-  m_fillLinks = nullptr;
   m_stamp = nullptr;
   m_dist = nullptr;
   m_nodes = nullptr;
@@ -1231,7 +1229,7 @@ void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const
   // A node with both infinite has none to carry (infinity minus infinity):
   // a fill with such a node now or in the last fill starts afresh.
   const bool sameTerminals = source == nullptr || sink == nullptr;
-  const bool warmable = keepFlow && g->m_fillNet != nullptr && g->m_fillLinks != nullptr &&
+  const bool warmable = keepFlow && g->m_fillNet != nullptr &&
                         g->m_nodeCount == n && g->m_arcCount == 8 * n && g->m_bandUp == nullptr;
   bool defined = true;
   for (int32_t p = 0; p < n && defined && warmable && !sameTerminals; ++p)
@@ -1300,10 +1298,7 @@ void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const
   if (!keepFlow) return;
   if (g->m_fillNet == nullptr)
     g->m_fillNet = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * n, "ZIRK_fillGrid", 1));
-  if (g->m_fillLinks == nullptr)
-    g->m_fillLinks = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * 4 * n, "ZIRK_fillGrid", 2));
-  if (g->m_fillNet == nullptr || g->m_fillLinks == nullptr) return;  // logged; next fill is fresh
+  if (g->m_fillNet == nullptr) return;  // logged; next fill is fresh
   if (!sameTerminals)
     for (int32_t p = 0; p < n; ++p) g->m_fillNet[p] = source[p] - sink[p];
-  std::copy(links, links + 4 * n, g->m_fillLinks);
 }

@@ -141,14 +141,15 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   int32_t* m_stamp = nullptr;
   int32_t* m_dist = nullptr;
   int32_t m_time = 0;
-  // The capacities of the last fill through ZIRK_fillGrid (per node its
-  // source minus sink capacity, and its four link capacities), kept when the
-  // next fill may start from this solve's flow. Null otherwise.
+  // The terminal capacities of the last fill through ZIRK_fillGrid (per node
+  // its source minus sink capacity), kept when the next fill may start from
+  // this solve's flow. Null otherwise. The links need no copy: both arcs of
+  // a link have the same capacity, so its flow is half the difference of
+  // their residuals.
   float* m_fillNet = nullptr;
   // Set by a fill that kept the previous flow: that solve starts close to
   // its end and skips the bulk routing of a fresh graph.
   bool m_warmFill = false;
-  float* m_fillLinks = nullptr;
 
   // Checks that the arrays hold the whole width x height grid and marks grid
   // nodes and arc slots never added as free nodes and absent arcs. Logs and

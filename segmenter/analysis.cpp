@@ -249,9 +249,10 @@ bool ZIRKSEHybrid::boundaryTest(const IplImage* mask, float fraction) {
   const int W = mask->width;
   const int H = mask->height;
   int xmin = 2147483647, ymin = 2147483647, xmax = -1, ymax = -1;
-  for (int x = 0; x < W; ++x) {
-    for (int y = 0; y < H; ++y) {
-      if (pixelRow(mask, y)[x] != 255) continue;
+  for (int y = 0; y < H; ++y) {
+    const uint8_t* row = pixelRow(mask, y);
+    for (int x = 0; x < W; ++x) {
+      if (row[x] != 255) continue;
       if (x < xmin) xmin = x;
       if (x > xmax) xmax = x;
       if (y < ymin) ymin = y;

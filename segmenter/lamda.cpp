@@ -19,6 +19,7 @@
 #include "segmenter/ZIRKSEHybrid.h"
 #include "support/ZIRKLog.h"
 #include "support/ZIRKMemory.h"
+#include "support/ZIRKRows.h"
 
 namespace {
 
@@ -120,18 +121,24 @@ int ZIRKSEHybrid::optimalLamda(IplImage** labelImages, float* /*candidates*/) {
     ZIRK_LogMemoryCrash("optimalLamda", 3107);
     return 0;
   }
-  IplImage* work = cvCreateImage(size, IPL_DEPTH_8U, 1);
-  ZIRKReleaseOnExit releaseWork(&work);
-  cv::Mat view = cv::cvarrToMat(work);  // shares work's pixels
-
   int64_t count[3] = {0, 0, 0};
   bool spans[3] = {false, false, false};
   int contrast[3] = {2, 2, 2};
+  // The trials are judged independently, each on its own thread with its own
+  // work image (made here: a failed allocation throws on this thread).
+  IplImage* works[3] = {nullptr, nullptr, nullptr};
+  ZIRKReleaseOnExit release0(&works[0]), release1(&works[1]), release2(&works[2]);
   for (int i = 0; i < 3; ++i) {
+    const IplImage* labels = labelImages[i];
+    // A missing trial can not be chosen.
+    if (labels != nullptr && labels->width == size.width && labels->height == size.height)
+      works[i] = cvCreateImage(size, IPL_DEPTH_8U, 1);
+  }
+  auto judge = [&](int i) {
     IplImage* labels = labelImages[i];
-    if (labels == nullptr || labels->width != size.width || labels->height != size.height) {
-      continue;  // a missing trial can not be chosen
-    }
+    IplImage* work = works[i];
+    if (work == nullptr) return;
+    cv::Mat view = cv::cvarrToMat(work);  // shares work's pixels
     // 1. Object pixels of the trial.
     cvSetZero(work);
     for (int y = 0; y < size.height; ++y) {
@@ -154,7 +161,7 @@ int ZIRKSEHybrid::optimalLamda(IplImage** labelImages, float* /*candidates*/) {
     // 3. Part sizes. Every pixel value is below `next`.
     int64_t* hist = static_cast<int64_t*>(ZIRK_Calloc_Msg(static_cast<unsigned long>(next), 8,
                                                           "optimalLamda", 3136));
-    if (hist == nullptr) continue;
+    if (hist == nullptr) return;
     for (int y = 0; y < size.height; ++y) {
       const uint8_t* w = pixelRow(work, y);
       for (int x = 0; x < size.width; ++x) ++hist[w[x]];
@@ -189,8 +196,11 @@ int ZIRKSEHybrid::optimalLamda(IplImage** labelImages, float* /*candidates*/) {
     spans[i] = boundaryTest(work, kSpanFraction);
     contrast[i] = intensityTest(work);
     ZIRK_Free_Msg(hist, "optimalLamda", 3165);
-  }
-  cvReleaseImage(&work);
+  };
+  ZIRK_runInBands(3, 3, [&](int begin, int end) {
+    for (int i = begin; i < end; ++i) judge(i);
+  });
+  for (IplImage*& w : works) ZIRK_ReleaseImage(&w);
 
   // 5-6. Only trials whose boundary contrast wins take part; none: trial 0.
   std::vector<int> members;

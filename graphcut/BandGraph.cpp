@@ -25,6 +25,7 @@ constexpr int32_t kHalvedNodes = 4096;
 // threads (as many as there are cores).
 constexpr int32_t kThreadedBuildNodes = 4096;
 constexpr int kBuildThreads = 4;
+constexpr int kBuildChunkRows = 8;
 constexpr double kDiagonalFactor = 0.7071067932881648;
 
 inline const uint8_t* pixelAt(const IplImage* img, int x, int y) { return ZIRK_pixelAt(img, x, y); }
@@ -244,15 +245,14 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
     }
   }
 
-  // Nodes and links written in place on several threads over bands of rows
+  // Nodes and links written in place on several threads over chunks of rows
   // (each node's values depend on its own pixels only, so the split changes
   // nothing); the pre-flow is summed afterwards in node order, as a fill
   // node by node would.
   const bool grey = texA != nullptr && texB != nullptr;
   std::vector<float> preFlow(n, 0.0f);
   g->reset();
-  auto fillRows = [&](int rowBegin, int rowEnd) {
-    ColourCache cache;
+  auto fillRows = [&](ColourCache& cache, int rowBegin, int rowEnd) {
     for (int row = rowBegin; row < rowEnd; ++row) {
       const int y = m_rowFirst + row;
       forEachNodeInRow(y, [&](int x, int, int32_t p) {
@@ -299,7 +299,9 @@ ZIRKSEGraph* BandGraph::build(const IplImage* colour, const IplImage* texA, cons
   };
   const int threads =
       buildThreads > 0 ? std::min(buildThreads, std::max(rows, 1)) : (n > kThreadedBuildNodes ? ZIRK_threadsFor(kBuildThreads) : 1);
-  ZIRK_runInBands(rows, threads, fillRows);
+  // Rows hold very different numbers of band pixels: chunks of rows are
+  // handed to the threads as they get free.
+  ZIRK_runInChunks(rows, kBuildChunkRows, threads, [] { return ColourCache(); }, fillRows);
   ZIRK_endFillInPlace(g, n, preFlow.data());
   return g;
 }

@@ -30,6 +30,7 @@ constexpr double kHardLink = 1000.0;
 // kTerminalThreads threads.
 constexpr size_t kThreadedPixels = 16384;
 constexpr int kTerminalThreads = 4;
+constexpr int kTerminalChunkRows = 8;
 // Log-likelihoods closer than this cannot tell the grey models apart.
 constexpr float kGreyTie = 0.0001f;
 
@@ -83,8 +84,7 @@ void ZIRK_fillBoxGraph(ZIRKSEHybrid* hybrid, bool keepFlow, bool sameModels) {
   // 2. T-links; the models and the fixed labels decide them, so with the
   // same models they are those of the last fill.
   const bool sameTerminals = keepFlow && sameModels && self.m_graph->m_fillNet != nullptr;
-  auto terminalRows = [&](int yBegin, int yEnd) {
-    ColourCache cache;
+  auto terminalRows = [&](ColourCache& cache, int yBegin, int yEnd) {
     for (int y = yBegin; y < yEnd; ++y) {
       const uint8_t* labels = pixelAt(self.m_cropLabelImage, 0, y);
       for (int x = 0; x < w; ++x) {
@@ -118,10 +118,12 @@ void ZIRK_fillBoxGraph(ZIRKSEHybrid* hybrid, bool keepFlow, bool sameModels) {
     }
   };
   // Each pixel's capacities depend on that pixel alone: large boxes share
-  // the rows out over threads (the same numbers), a row band per thread.
+  // the rows out over threads (the same numbers), in chunks of rows taken
+  // as the threads get free (fixed halves left one thread waiting about a
+  // fifth of the time: colours repeat more in some rows than in others).
   if (!sameTerminals) {
     const int threads = n >= kThreadedPixels ? ZIRK_threadsFor(kTerminalThreads) : 1;
-    ZIRK_runInBands(h, threads, terminalRows);
+    ZIRK_runInChunks(h, kTerminalChunkRows, threads, [] { return ColourCache(); }, terminalRows);
   }
 
   // 3. N-links from the stored weights, in whole-image coordinates.

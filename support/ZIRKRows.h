@@ -3,6 +3,7 @@
 
 #include <opencv2/core/types_c.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <system_error>
@@ -42,3 +43,20 @@ void ZIRK_runInBands(int count, int bands, Fn fn) {
   for (int b : here) fn(count * b / bands, count * (b + 1) / bands);
   for (std::thread& worker : workers) worker.join();
 }
+
+// Runs fn(state, begin, end) over chunks of `chunk` consecutive items of
+// [0, count), handed out one at a time to `threads` threads (the calling
+// thread among them) as each finishes its last, so that uneven work still
+// ends together. Each thread makes its own state with make() and keeps it
+// for all its chunks. Returns when all are done.
+template <class Make, class Fn>
+void ZIRK_runInChunks(int count, int chunk, int threads, Make make, Fn fn) {
+  if (chunk < 1) chunk = 1;
+  std::atomic<int> next{0};
+  ZIRK_runInBands(threads, threads, [&](int, int) {
+    auto state = make();
+    for (int begin = next.fetch_add(chunk); begin < count; begin = next.fetch_add(chunk))
+      fn(state, begin, count - begin < chunk ? count : begin + chunk);
+  });
+}
+

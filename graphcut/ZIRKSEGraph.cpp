@@ -64,6 +64,9 @@ constexpr double kWaveStop = 0.02;
 // Side of the square blocks in which a fresh grid gathers its terminal
 // capacities before it solves (see gatherInBlocks).
 constexpr int32_t kGatherBlock = 8;
+// Terminal capacities at or above this are taken for fixed pixels (the
+// segmenter gives them 1000) when a fresh grid's work is shared out.
+constexpr float kFixedCapacity = 500.0f;
 // A part of a fresh grid stops after one augmentation for this many of its
 // nodes and leaves the rest to the joins (see ZIRK_solveInParts).
 constexpr int32_t kFreshPartNodesPerAugment = 16;
@@ -1208,12 +1211,51 @@ void ZIRK_endFillInPlace(ZIRKSEGraph* g, int32_t n, const float* preFlow) {
   for (int32_t p = 0; p < n; ++p) g->m_flow += preFlow[p];
 }
 
+namespace {
+
+// First rows of parts 1 .. parts - 1 of a grid of h rows (h >= 2 parts):
+// equal shares of rows, or of the given running totals of work per row
+// (work[y] = work of rows 0 .. y - 1, h + 1 entries), at least two rows a
+// part.
+std::vector<int32_t> partRows(int32_t h, int parts, const std::vector<double>* work) {
+  std::vector<int32_t> rows;
+  int32_t row = 0;
+  for (int i = 1; i < parts; ++i) {
+    if (work == nullptr || !((*work)[static_cast<size_t>(h)] > 0.0)) {
+      row = static_cast<int32_t>(static_cast<int64_t>(h) * i / parts);
+    } else {
+      const double share = (*work)[static_cast<size_t>(h)] * i / parts;
+      row += 2;
+      while (row < h - 2 * (parts - i) && (*work)[static_cast<size_t>(row)] < share) ++row;
+    }
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+}  // namespace
+
 float ZIRK_solveGridInParts(ZIRKSEGraph* g, int parts) {
   const int32_t w = g->m_width, h = g->m_height;
   if (parts < 2 || h < 2 * parts) return g->maxFlow();
+  // A fresh grid's parts take equal shares of its soft terminal capacity
+  // (below kFixedCapacity): that is what they route and cut. Equal rows
+  // left one part of banana1's first cut at twice the other's time; shares
+  // of the capacity took the photos' box max-flows from 25.9 to 24.2 ms.
+  std::vector<double> work;
+  const bool fresh = !g->m_warmFill && g->m_bandUp == nullptr && g->m_nodes != nullptr &&
+                     static_cast<int64_t>(w) * h <= g->m_nodeLast - g->m_nodes;
+  if (fresh) {
+    work.assign(static_cast<size_t>(h) + 1, 0.0);
+    for (int32_t y = 0; y < h; ++y) {
+      double row = 0.0;
+      for (const nodes* n = g->m_nodes + static_cast<int64_t>(y) * w; n < g->m_nodes + static_cast<int64_t>(y + 1) * w; ++n)
+        if (std::fabs(n->tr_cap) < kFixedCapacity) row += std::fabs(n->tr_cap);
+      work[static_cast<size_t>(y) + 1] = work[static_cast<size_t>(y)] + row;
+    }
+  }
   std::vector<int32_t> starts{0}, seams;
-  for (int i = 1; i < parts; ++i) {
-    const int32_t row = static_cast<int32_t>(static_cast<int64_t>(h) * i / parts);
+  for (const int32_t row : partRows(h, parts, fresh ? &work : nullptr)) {
     starts.push_back(row * w);
     seams.push_back(row * w + w);
   }

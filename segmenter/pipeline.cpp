@@ -376,14 +376,22 @@ int ZIRKSEHybrid::updateLabelImage() {
   const int w = m_cropWidth;
   const int h = m_cropHeight;
   int counted = 0;
+  // The nodes are read directly once the graph is known to hold them all
+  // (getTreeofNode's check and call per pixel cost more than the rest).
+  if (static_cast<int64_t>(w) * h > m_graph->m_nodeCount || m_graph->m_nodes == nullptr) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "updateLabelImage: the graph does not hold the box");
+    return 0;
+  }
+  const nodes* const graphNodes = m_graph->m_nodes;
   // Four bands of rows covering all rows.
   const int bands[5] = {0, h / 4, h / 2, 3 * (h / 4), h};
   for (int b = 0; b < 4; ++b) {
     for (int r = bands[b]; r < bands[b + 1]; ++r) {
       uint8_t* l = pixelRow(labels, r);
+      const nodes* row = graphNodes + static_cast<int64_t>(r) * w;
       for (int c = 0; c < w; ++c) {
         if (l[c] == kLabelBackgroundFixed || l[c] == kLabelObjectFixed) continue;
-        if (m_graph->getTreeofNode(r * w + c) == 1) {
+        if (row[c].tree == SINK) {
           l[c] = kLabelBackgroundEst;
         } else {
           l[c] = kLabelObjectEst;

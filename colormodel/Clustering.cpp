@@ -345,7 +345,8 @@ void k_means(double** samples, int* labels, int n, double epsilon, int maxIterat
     std::memset(counts, 0, sizeof counts);
     std::memset(errors, 0, sizeof errors);
     kmeansThreadArgs args[kThreads];
-    for (int t = 0; t < kThreads; ++t) args[t] = kmeansThreadArgs{samples, labels, n, centres, sums, counts, errors, t};
+    for (int t = 0; t < kThreads; ++t)
+      args[t] = kmeansThreadArgs{samples, labels, n, centres, sums, counts, errors, t};
     helper.run(args);
 
     // 3. Totals over the threads, in thread order.

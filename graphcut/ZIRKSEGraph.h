@@ -173,18 +173,23 @@ void ZIRK_endFillInPlace(ZIRKSEGraph* g, int32_t n, const float* preFlow);
 // in parts that run on their own threads: parts[i] .. parts[i + 1] are node
 // ranges that begin at a row, and seams[i] is the end of the first row of
 // part i + 1. The links between parts are held back while the parts solve
-// (each first routes in bulk: a band always, a grid after a fresh fill);
-// then neighbouring groups of parts join in pairs, round by round, each
-// join getting its seam's links back and solving on from there, until one
+// (each first routes in bulk: a band always, a grid after a fresh fill;
+// the parts of a fresh grid stop after one augmentation per 16 nodes and
+// leave the rest to the joins); then neighbouring groups of parts join in
+// pairs, round by round, each join getting its seam's links back and the
+// nodes its groups still had queued, and solving on from there, until one
 // group is the whole graph: the same maximum flow and the same cut as a
 // serial solve, with most of the work, the seams' included, done in
 // parallel. Any other graph is solved by maxFlow(). Returns the flow.
 float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
                         const std::vector<int32_t>& seams);
 
-// Solves a full grid graph in `parts` bands of rows of about equal height
-// through ZIRK_solveInParts; with fewer than two parts, or fewer than two
-// rows a part, serially through maxFlow(). Returns the flow.
+// Solves a full grid graph in `parts` bands of rows through
+// ZIRK_solveInParts: after a fresh fill bands of about equal soft terminal
+// capacity (that of fixed pixels, 500 and above, not counted), after a
+// refill bands of about equal height; at least two rows a band. With fewer
+// than two parts, or fewer than two rows a part, serially through
+// maxFlow(). Returns the flow.
 float ZIRK_solveGridInParts(ZIRKSEGraph* g, int parts);
 
 // Fills a full grid graph (numBlocks 0) of width x height nodes: per node

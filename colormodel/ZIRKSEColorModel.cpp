@@ -57,28 +57,6 @@ double greyComponent(const ZIRKSEColorModel& m, int k, const pixelVal& x) {
   return std::exp(-0.5 * d * d / v) / std::sqrt(v);
 }
 
-double mixtureOf(const ZIRKSEColorModel& m, const pixelVal& x) {
-  // Unrolled on purpose: five independent quadratic forms the compiler can
-  // interleave; summed in index order.
-  double p = 0.0;
-  if (m.m_determinant[0] != 0.0)
-    p += m.m_weight[0] * (m.m_normFactor[0] *
-                          std::exp(-0.5 * quadraticForm(m.m_invCovariance[0], m.m_mean[0], x)));
-  if (m.m_determinant[1] != 0.0)
-    p += m.m_weight[1] * (m.m_normFactor[1] *
-                          std::exp(-0.5 * quadraticForm(m.m_invCovariance[1], m.m_mean[1], x)));
-  if (m.m_determinant[2] != 0.0)
-    p += m.m_weight[2] * (m.m_normFactor[2] *
-                          std::exp(-0.5 * quadraticForm(m.m_invCovariance[2], m.m_mean[2], x)));
-  if (m.m_determinant[3] != 0.0)
-    p += m.m_weight[3] * (m.m_normFactor[3] *
-                          std::exp(-0.5 * quadraticForm(m.m_invCovariance[3], m.m_mean[3], x)));
-  if (m.m_determinant[4] != 0.0)
-    p += m.m_weight[4] * (m.m_normFactor[4] *
-                          std::exp(-0.5 * quadraticForm(m.m_invCovariance[4], m.m_mean[4], x)));
-  return p;
-}
-
 int nearestOf(const ZIRKSEColorModel& m, const pixelVal& x) {
   // By component density, not by posterior: the weights are not applied.
   int best = 0;
@@ -208,7 +186,27 @@ double ZIRKSEColorModel::gaussianProbGreyScale(int k, pixelVal x) {
   return greyComponent(*this, k, x);
 }
 
-double ZIRKSEColorModel::GMMProb(pixelVal x) { return mixtureOf(*this, x); }
+double ZIRKSEColorModel::GMMProb(pixelVal x) {
+  // Unrolled on purpose: five independent quadratic forms the compiler can
+  // interleave; summed in index order.
+  double p = 0.0;
+  if (m_determinant[0] != 0.0)
+    p += m_weight[0] * (m_normFactor[0] *
+                        std::exp(-0.5 * quadraticForm(m_invCovariance[0], m_mean[0], x)));
+  if (m_determinant[1] != 0.0)
+    p += m_weight[1] * (m_normFactor[1] *
+                        std::exp(-0.5 * quadraticForm(m_invCovariance[1], m_mean[1], x)));
+  if (m_determinant[2] != 0.0)
+    p += m_weight[2] * (m_normFactor[2] *
+                        std::exp(-0.5 * quadraticForm(m_invCovariance[2], m_mean[2], x)));
+  if (m_determinant[3] != 0.0)
+    p += m_weight[3] * (m_normFactor[3] *
+                        std::exp(-0.5 * quadraticForm(m_invCovariance[3], m_mean[3], x)));
+  if (m_determinant[4] != 0.0)
+    p += m_weight[4] * (m_normFactor[4] *
+                        std::exp(-0.5 * quadraticForm(m_invCovariance[4], m_mean[4], x)));
+  return p;
+}
 
 double ZIRKSEColorModel::GMMProbGreyScale(pixelVal x) {
   double p = 0.0;

@@ -178,6 +178,26 @@ bool ZIRKSEGraph::prepareForSolve() {
     setFree(m_nodes + i);
     for (int k = 0; k < 8; ++k) m_arcs[8 * i + k] = kAbsentArc;
   }
+  // A full grid whose arc array has room for one more row (and a node) after
+  // the last gets that room filled with absent arcs and the slots of links
+  // that leave the grid marked absent, whatever was written there (the
+  // solver never followed them). Every list entry of a border node then
+  // falls on an absent slot, the grid's own or the padding, and the solver
+  // reads a node's eight arcs without finding its column and row.
+  m_padded = false;
+  const int64_t padEnd = 8 * (gridNodes + m_width + 1);
+  if (m_bandUp != nullptr || m_numBlocks > 1 || !m_ownsArrays || padEnd > arcRoom) return true;
+  for (int64_t a = 8 * gridNodes; a < padEnd; ++a) m_arcs[a] = kAbsentArc;
+  for (int64_t y = 0; y < m_height; ++y) {
+    float* const first = m_arcs + 8 * (y * m_width);
+    float* const last = m_arcs + 8 * (y * m_width + m_width - 1);
+    for (int k = 0; k < 4; ++k) first[k] = kAbsentArc;  // left, up-left
+    last[6] = last[7] = kAbsentArc;                      // up-right
+  }
+  for (int64_t a = 0; a < 8 * static_cast<int64_t>(m_width); ++a) {
+    if ((a & 7) >= 2) m_arcs[a] = kAbsentArc;  // the top row's upper links
+  }
+  m_padded = true;
   return true;
 }
 
@@ -449,12 +469,34 @@ namespace {
 // node above and below; every neighbour of a pixel that has links is itself
 // a node, so the left and right neighbours are the previous and next index
 // and the diagonal ones sit beside the node above or below.
+// The eight arcs of a node whose slots start at `base`, the slots of the
+// node below it at `below`, in neighbourList's order.
+inline void arcList(int32_t base, int32_t below, int32_t out[8]) {
+  out[0] = base;
+  out[1] = base + kUpperSteps[0];
+  out[2] = base + kUpperSteps[1];
+  out[3] = base + kUpperSteps[2];
+  out[4] = base + kUpperSteps[3];
+  out[5] = below + 11;
+  out[6] = below + 5;
+  out[7] = below - 1;
+}
+
+template <bool Padded>
 struct GridTopology {
   const int32_t* offset;
   int32_t width;
   int32_t height;
   int32_t head(int32_t arc) const { return headOf(offset, arc); }
-  void list(int32_t p, int32_t out[8]) const { neighbourList(p, width, height, out); }
+  // A padded grid (see prepareForSolve) needs no bounds: an entry that
+  // leaves the grid lands on an absent slot.
+  void list(int32_t p, int32_t out[8]) const {
+    if (!Padded) {
+      neighbourList(p, width, height, out);
+      return;
+    }
+    arcList(8 * p, 8 * (p + width), out);
+  }
   // The head of arc, entry k of p's list: on a grid a fixed step from p,
   // cheaper than decoding the arc.
   int32_t entryHead(int32_t p, int k, int32_t /*arc*/) const { return p + delta[k]; }
@@ -471,18 +513,7 @@ struct BandTopology {
     if (k == 0) return q - 1;  // left
     return up[q] + (k >> 1) - 2;  // up-left, up, up-right
   }
-  void list(int32_t p, int32_t out[8]) const {
-    const int32_t base = 8 * p;
-    const int32_t below = 8 * down[p];
-    out[0] = base;
-    out[1] = base + kUpperSteps[0];
-    out[2] = base + kUpperSteps[1];
-    out[3] = base + kUpperSteps[2];
-    out[4] = base + kUpperSteps[3];
-    out[5] = below + 11;
-    out[6] = below + 5;
-    out[7] = below - 1;
-  }
+  void list(int32_t p, int32_t out[8]) const { arcList(8 * p, 8 * down[p], out); }
   // The head of arc, entry k of p's list.
   int32_t entryHead(int32_t /*p*/, int /*k*/, int32_t arc) const { return head(arc); }
 };
@@ -891,8 +922,13 @@ auto withSolver(ZIRKSEGraph& g, Call call) {
     return call(solver);
   }
   const int32_t w = g.m_width;
-  const GridTopology grid{g.m_neighbourOffset, w, g.m_height, {-1, -w - 1, -w, -w + 1, 1, w + 1, w, w - 1}};
-  Solver<GridTopology> solver{g, grid};
+  if (g.m_padded) {
+    Solver<GridTopology<true>> solver{
+        g, {g.m_neighbourOffset, w, g.m_height, {-1, -w - 1, -w, -w + 1, 1, w + 1, w, w - 1}}};
+    return call(solver);
+  }
+  Solver<GridTopology<false>> solver{
+      g, {g.m_neighbourOffset, w, g.m_height, {-1, -w - 1, -w, -w + 1, 1, w + 1, w, w - 1}}};
   return call(solver);
 }
 
@@ -1083,6 +1119,7 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
     v->m_bandDown = g->m_bandDown;
     v->m_stamp = g->m_stamp;
     v->m_dist = g->m_dist;
+    v->m_padded = g->m_padded;
     v->m_flow = 0.0f;
     v->m_time = time;
     return v;

@@ -150,11 +150,17 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   // Set by a fill that kept the previous flow: that solve starts close to
   // its end and skips the bulk routing of a fresh graph.
   bool m_warmFill = false;
+  // Set by prepareForSolve when the arc array holds a row of absent arcs
+  // after the grid and the grid's border slots are absent (see there).
+  bool m_padded = false;
 
   // Checks that the arrays hold the whole width x height grid and marks grid
-  // nodes and arc slots never added as free nodes and absent arcs. Logs and
-  // returns false when the grid does not fit (nothing may be solved then).
-  // maxflowInit() and the parallel solver call it.
+  // nodes and arc slots never added as free nodes and absent arcs. A full
+  // grid whose arc array has room for a row after it also gets that row of
+  // absent arcs and its border slots marked absent (m_padded), so that the
+  // solver needs no bounds checks. Logs and returns false when the grid
+  // does not fit (nothing may be solved then). maxflowInit() and the
+  // parallel solver call it.
   bool prepareForSolve();
 };
 

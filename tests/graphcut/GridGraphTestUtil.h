@@ -58,11 +58,18 @@ inline GridGraph randomGrid(std::mt19937& rng, int w, int h, bool integral) {
 }
 
 // Fills a fresh graph from the description, in the order its contract asks.
-inline void fill(ZIRKSEGraph& g, const GridGraph& s) {
+// With `strayBorder`, the slots of links that would leave the grid get
+// capacities instead of absent arcs: the solver must ignore them.
+inline void fill(ZIRKSEGraph& g, const GridGraph& s, bool strayBorder = false) {
   g.addNode(s.nodes());
   for (int p = 0; p < s.nodes(); ++p) g.addtWeights(p, s.src[p], s.snk[p]);
-  for (int i = 0; i < 4 * s.nodes(); ++i)
-    g.addEdge(i / 4, slotNeighbour(s.w, i / 4, i % 4), s.e[i].cap, s.e[i].rev, s.e[i].absent);
+  for (int i = 0; i < 4 * s.nodes(); ++i) {
+    const int to = slotNeighbour(s.w, i / 4, i % 4);
+    if (strayBorder && to < 0)
+      g.addEdge(i / 4, to, 7.0f, 5.0f, false);
+    else
+      g.addEdge(i / 4, to, s.e[i].cap, s.e[i].rev, s.e[i].absent);
+  }
 }
 
 struct OracleResult {

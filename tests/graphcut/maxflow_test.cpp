@@ -93,7 +93,10 @@ TEST_F(MaxFlow, RefusalsCancelAndSpentBudget) {
 // The serial solver (0 blocks), the parallel one for every block count and
 // the serial one over 2 to 5 bands of rows (negative counts below), on grids
 // from 1x1 and single rows or columns up to 40x30, with real and integer
-// capacities; every arc the partition or a band seam held comes back. Once, two
+// capacities; every arc the partition or a band seam held comes back. Serial
+// solves also run on arc arrays with no room after the grid (the solver then
+// checks every neighbour's position) and with capacities written into the
+// slots of links that would leave the grid (ignored). Once, two
 // blocks share no arc (no edge between columns 5 and 6 of 12): they get no
 // store and are never merged, and the merge passes end instead of waiting.
 TEST_F(MaxFlow, RandomGridsGiveTheOracleCutForEveryBlockCount) {
@@ -111,12 +114,16 @@ TEST_F(MaxFlow, RandomGridsGiveTheOracleCutForEveryBlockCount) {
       GridGraph s = randomGrid(rng, w, h, trial % 2 == 1);
       for (int y = 0; apart && y < 8; ++y)
         s.e[4 * (y * 12 + 6)].absent = s.e[4 * (y * 12 + 6) + 1].absent = s.e[4 * (y * 12 + 5) + 3].absent = true;
-      ZIRKSEGraph g(w * h, 8 * w * h, w, h, std::max(blocks, 0));
-      fill(g, s);
+      const bool tight = blocks == 0 && trial % 3 == 2, stray = blocks == 0 && trial % 4 >= 2;
+      ZIRKSEGraph g(w * h, (tight ? 4 : 8) * w * h, w, h, std::max(blocks, 0));
+      fill(g, s, stray);
       start_cpu_timer(g_cancelTimer);  // a fresh budget for each solve (sanitizers are slow)
-      SCOPED_TRACE(testing::Message() << blocks << " blocks, " << w << "x" << h);
+      SCOPED_TRACE(testing::Message() << blocks << " blocks, " << w << "x" << h << (tight ? " tight" : "")
+                                      << (stray ? " stray" : ""));
       ASSERT_NO_FATAL_FAILURE(expectOracleCut(g, s, trial % 2 == 1, -blocks));
-      ASSERT_NO_FATAL_FAILURE(expectArcsRestored(g, s));
+      if (!stray) {
+        ASSERT_NO_FATAL_FAILURE(expectArcsRestored(g, s));
+      }
     }
   }
   EXPECT_FALSE(ZIRKSEMarker::m_exitApp);

@@ -42,6 +42,7 @@
 #include "engine/ZIRKSEMarker.h"
 #include "graphcut/ParallelGC.h"
 #include "support/ZIRKMemory.h"
+#include "support/ZIRKRows.h"
 #include "support/ZIRKTimer.h"
 
 namespace {
@@ -64,6 +65,10 @@ constexpr double kWaveStop = 0.02;
 // Side of the square blocks in which a fresh grid gathers its terminal
 // capacities before it solves (see gatherInBlocks).
 constexpr int32_t kGatherBlock = 8;
+// A fresh fill of at least this many nodes writes them on two threads, in
+// chunks of this many rows.
+constexpr int32_t kThreadedFillNodes = 16384;
+constexpr int kFillChunkRows = 16;
 // Terminal capacities at or above this are taken for fixed pixels (the
 // segmenter gives them 1000) when a fresh grid's work is shared out.
 constexpr float kFixedCapacity = 500.0f;
@@ -302,12 +307,16 @@ void ZIRKSEGraph::reset() {
   m_arcLast = m_arcs;
 }
 
-void ZIRKSEGraph::resetNew() {
-  for (nodes* n = m_nodes; n != nullptr && n < m_nodeLast; ++n) setFree(n);
-  for (float* a = m_arcs; a != nullptr && a < m_arcLast; ++a) *a = 0.0f;
+void ZIRKSEGraph::resetQueuesAndFlow() {
   m_flow = 0.0f;
   m_activeFirst = m_activeLast = nullptr;
   m_orphanFirst = m_orphanLast = nullptr;
+}
+
+void ZIRKSEGraph::resetNew() {
+  for (nodes* n = m_nodes; n != nullptr && n < m_nodeLast; ++n) setFree(n);
+  for (float* a = m_arcs; a != nullptr && a < m_arcLast; ++a) *a = 0.0f;
+  resetQueuesAndFlow();
 }
 
 void ZIRKSEGraph::addNode(int count) {
@@ -1324,11 +1333,29 @@ void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const
   }
   g->m_warmFill = warm;
   if (!warm) {
-    g->reset();
-    g->addNode(n);
-    for (int32_t p = 0; p < n; ++p) g->addtWeights(p, source[p], sink[p]);
-    for (int32_t i = 0; i < 4 * n; ++i)
-      g->addEdge(i / 4, -1, links[i], links[i], links[i] == kAbsentArc);
+    if (g->m_nodes == nullptr || g->m_arcs == nullptr || g->m_nodeMax - g->m_nodes < n ||
+        g->m_arcMax - g->m_arcs < 8 * static_cast<int64_t>(n)) {
+      __android_log_print(ANDROID_LOG_ERROR, "Error", "ZIRK_fillGrid: the graph can not hold a %dx%d grid",
+                          w, h);
+      return;
+    }
+    // Records and arcs past the grid, left from an earlier fill, are
+    // cleared as reset() would clear them.
+    for (nodes* x = g->m_nodes + n; x < g->m_nodeLast; ++x) setFree(x);
+    for (float* a = g->m_arcs + 8 * static_cast<int64_t>(n); a < g->m_arcLast; ++a) *a = 0.0f;
+    // Each node is written once, in chunks of rows on up to two threads (the
+    // first touch of a new graph's pages is much of the time): the same
+    // records, arcs and flow as reset, addNode, addtWeights and addEdge.
+    g->resetQueuesAndFlow();
+    std::vector<float> preFlow(static_cast<size_t>(n));
+    const int threads = n >= kThreadedFillNodes ? ZIRK_threadsFor(2) : 1;
+    ZIRK_runInChunks(h, kFillChunkRows, threads, [] { return 0; }, [&](int, int y0, int y1) {
+      for (int32_t p = y0 * w; p < y1 * w; ++p) {
+        const size_t i = static_cast<size_t>(p);
+        preFlow[i] = ZIRK_fillNodeInPlace(g, p, true, source[i], sink[i], links + 4 * i);
+      }
+    });
+    ZIRK_endFillInPlace(g, n, preFlow.data());
   } else {
     // Terminal links: the residual moves by the change of capacity. An
     // infinite one stays infinite; one that was infinite is the new net

@@ -72,6 +72,8 @@ class SEGCORE_EXPORT ZIRKSEGraph {
   void reset();
   // Clears values but keeps the node and arc counts.
   void resetNew();
+  // Empties both queues and sets the flow to 0, nothing else.
+  void resetQueuesAndFlow();
   // Appends count free nodes. Refuses (logs) past the capacity.
   void addNode(int count);
   // Appends the next two arc slots of the current node: cap (node to

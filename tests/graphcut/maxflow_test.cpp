@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <random>
 #include <tuple>
@@ -127,6 +128,51 @@ TEST_F(MaxFlow, RandomGridsGiveTheOracleCutForEveryBlockCount) {
     }
   }
   EXPECT_FALSE(ZIRKSEMarker::m_exitApp);
+}
+
+// A fresh fill through ZIRK_fillGrid writes the same node records, arcs
+// and flow as the call-by-call fill, on one thread (small grid) or two (a
+// grid of 20,000 nodes), over whatever an earlier use left in the arrays;
+// records and arcs past the grid are cleared. A graph too small for the
+// grid is refused and left alone.
+TEST_F(MaxFlow, FreshGridFillEqualsTheCallByCallFill) {
+  std::mt19937 rng(5);
+  for (const auto& size : {std::make_pair(7, 5), std::make_pair(200, 100)}) {
+    const int w = size.first, h = size.second, n = w * h;
+    const GridGraph s = randomGrid(rng, w, h, false);
+    std::vector<float> links(4 * n);
+    for (int i = 0; i < 4 * n; ++i) links[i] = s.e[i].absent ? kAbsentArc : s.e[i].cap;
+    const int past = 50;  // an earlier use filled 50 nodes more
+    ZIRKSEGraph byCall(n, 8 * n, w, h, 0), inPlace(n + past, 8 * (n + past), w, h, 0);
+    byCall.addNode(n);
+    for (int p = 0; p < n; ++p) byCall.addtWeights(p, s.src[p], s.snk[p]);
+    for (int i = 0; i < 4 * n; ++i) byCall.addEdge(i / 4, -1, links[i], links[i], s.e[i].absent);
+    // Left over from an earlier use: garbage in every record and arc.
+    inPlace.addNode(n + past);
+    for (int p = 0; p < n + past; ++p) inPlace.m_nodes[p] = nodes{5, SINK, -3.0f, &inPlace.m_nodes[p], nullptr};
+    for (int a = 0; a < 8 * (n + past); ++a) inPlace.m_arcs[a] = 9.0f;
+    inPlace.m_arcLast = inPlace.m_arcs + 8 * (n + past);
+    inPlace.m_flow = 77.0f;
+    ZIRK_fillGrid(&inPlace, s.src.data(), s.snk.data(), links.data(), false);
+    SCOPED_TRACE(testing::Message() << w << "x" << h);
+    ASSERT_EQ(inPlace.m_nodeCount, n);
+    ASSERT_EQ(inPlace.m_arcCount, 8 * n);
+    EXPECT_EQ(inPlace.m_flow, byCall.m_flow);
+    for (int p = 0; p < n; ++p) {
+      const nodes &a = inPlace.m_nodes[p], &b = byCall.m_nodes[p];
+      ASSERT_TRUE(a.parent == b.parent && a.tree == b.tree && a.next == nullptr && a.nextOrphan == nullptr &&
+                  std::memcmp(&a.tr_cap, &b.tr_cap, sizeof(float)) == 0)
+          << "node " << p;
+    }
+    ASSERT_EQ(std::memcmp(inPlace.m_arcs, byCall.m_arcs, sizeof(float) * 8 * n), 0);
+    for (int p = n; p < n + past; ++p)
+      ASSERT_TRUE(inPlace.m_nodes[p].tree == FREE && inPlace.m_nodes[p].tr_cap == 0.0f && inPlace.m_nodes[p].next == nullptr);
+    for (int a = 8 * n; a < 8 * (n + past); ++a) ASSERT_EQ(inPlace.m_arcs[a], 0.0f);
+  }
+  ZIRKSEGraph small(20, 160, 5, 5, 0);
+  const std::vector<float> terminal(25, 1.0f), links(100, 2.0f);
+  ZIRK_fillGrid(&small, terminal.data(), terminal.data(), links.data(), false);
+  EXPECT_EQ(small.m_nodeCount, 0);
 }
 
 // A refill that keeps the last solve's flow must give the minimum cut of the

@@ -2,7 +2,7 @@
 // run, with a machine-readable line per figure.
 //
 //   phone_edits [--runs N] [--only-large | --only-photos] [--photo NAME]
-//               [--size WxH]
+//               [--size WxH] [--engine-only]
 //   phone_edits --compare OUT_A OUT_B
 //
 // 1. The phone-size photo: the photo NAME (default book) enlarged to WxH
@@ -40,7 +40,8 @@
 //    brush stroke that adds. Per photo
 //    min / median / max, the ratio of the medians engine / grabCut, the
 //    pixels the stroke changed, the errors against the truth mask; then the
-//    mean and median over the photos.
+//    mean and median over the photos. With --engine-only cv::grabCut is
+//    not run and no ratio is printed (for profiling the engine alone).
 //
 // Where the corrective edits go follows from the truth mask and the
 // rectangle's result (planEdits in harness/CallerEdits.h: over what the cut
@@ -80,12 +81,14 @@ namespace {
 
 const char* kUsage =
     "usage: phone_edits [--runs N] [--only-large | --only-photos] [--photo NAME] [--size WxH]\n"
+    "                   [--engine-only]\n"
     "\n"
     "  --runs N       runs of every figure (default 3)\n"
     "  --only-large   only the phone-size photo\n"
     "  --only-photos  only the evaluation photos\n"
     "  --photo NAME   photo enlarged for the phone-size edits (default book)\n"
     "  --size WxH     its size (default 4000x3000)\n"
+    "  --engine-only  the evaluation photos without cv::grabCut (no ratios)\n"
     "\n"
     "   or: phone_edits --compare OUT_A OUT_B\n"
     "\n"
@@ -98,6 +101,7 @@ constexpr unsigned kChildSeconds = 600;  // a child still running then is killed
 struct Options {
   int runs = 3;
   bool large = true, photos = true;
+  bool peer = true;  // cv::grabCut beside the engine on the evaluation photos
   std::string photo = "book";
   cv::Size size{4000, 3000};
 };
@@ -431,7 +435,7 @@ struct PhotoFigures {
 
 // One run on one photo: the engine's rectangle and stroke, and grabCut,
 // in the order given.
-void photoRun(const Photo& p, bool engineFirst, PhotoFigures* f) {
+void photoRun(const Photo& p, bool engineFirst, bool withPeer, PhotoFigures* f) {
   const Box box{p.x1, p.y1, p.x2, p.y2};
   auto engine = [&] {
     CallerSession session(p.image);
@@ -447,6 +451,7 @@ void photoRun(const Photo& p, bool engineFirst, PhotoFigures* f) {
     f->strokeChanged = static_cast<size_t>(cv::countNonZero(session.objectMask() != result));
   };
   auto peer = [&] {
+    if (!withPeer) return;
     double ms = 0;
     f->grabCutError = errorRate(grabCutAtWorkingSize(p.image, box, &ms), p.truth);
     f->grabCut.push_back(ms);
@@ -478,7 +483,7 @@ void photoEdits(const Options& o) {
   int errors = 0;
   for (int run = 0; run < o.runs; ++run)
     for (size_t i = 0; i < photos.size(); ++i) {
-      photoRun(photos[i], (run + static_cast<int>(i)) % 2 == 0, &figures[i]);
+      photoRun(photos[i], (run + static_cast<int>(i)) % 2 == 0, o.peer, &figures[i]);
       errors += errorLines(log);
       log.clear();
     }
@@ -488,7 +493,7 @@ void photoEdits(const Options& o) {
   std::vector<double> engineMedians, grabCutMedians, strokeMedians, ratios;
   for (size_t i = 0; i < photos.size(); ++i) {
     const PhotoFigures& f = figures[i];
-    const double ratio = medianOf(f.engine) / medianOf(f.grabCut);
+    const double ratio = o.peer ? medianOf(f.engine) / medianOf(f.grabCut) : 0.0;
     engineMedians.push_back(medianOf(f.engine));
     grabCutMedians.push_back(medianOf(f.grabCut));
     strokeMedians.push_back(medianOf(f.stroke));
@@ -528,8 +533,10 @@ void photoEdits(const Options& o) {
   for (size_t i = 0; i < photos.size(); ++i) {
     const std::string prefix = "photos." + photos[i].name + ".";
     printFigure(prefix + "rect_ms", figures[i].engine);
-    printFigure(prefix + "grabcut_ms", figures[i].grabCut);
-    printFigure(prefix + "ratio", ratios[i]);
+    if (o.peer) {
+      printFigure(prefix + "grabcut_ms", figures[i].grabCut);
+      printFigure(prefix + "ratio", ratios[i]);
+    }
     printFigure(prefix + "add_ms", figures[i].stroke);
     printHash(prefix + "rect.mask", figures[i].rectHash);
     printHash(prefix + "add.mask", figures[i].strokeHash);
@@ -537,8 +544,9 @@ void photoEdits(const Options& o) {
   }
   printFigure("photos.mean.rect_ms", mean(engineMedians));
   for (const auto& slot : slotMeans) printFigure("photos.mean.rect." + slot.first + "_ms", slot.second);
-  printFigure("photos.mean.grabcut_ms", mean(grabCutMedians));
   printFigure("photos.mean.add_ms", mean(strokeMedians));
+  if (!o.peer) return;
+  printFigure("photos.mean.grabcut_ms", mean(grabCutMedians));
   printFigure("photos.ratio_of_means", mean(engineMedians) / mean(grabCutMedians));
   printFigure("photos.median_ratio", medianOf(ratios));
 }
@@ -611,6 +619,8 @@ bool parseOptions(int argc, char** argv, Options* o) {
       o->photos = false;
     } else if (arg == "--only-photos") {
       o->large = false;
+    } else if (arg == "--engine-only") {
+      o->peer = false;
     } else if (arg == "--photo" && i + 1 < argc) {
       o->photo = argv[++i];
     } else if (arg == "--size" && i + 1 < argc) {

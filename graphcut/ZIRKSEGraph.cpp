@@ -1177,18 +1177,14 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
         s.run();
       });
     };
-    // A group whose thread can not be started solves on this thread.
-    std::vector<std::thread> threads;
-    std::vector<size_t> here{0};
-    for (size_t i = 1; i < views.size(); ++i) {
-      try {
-        threads.emplace_back(solveGroup, i);
-      } catch (const std::system_error&) {
-        here.push_back(i);
-      }
-    }
-    for (size_t i : here) solveGroup(i);
-    for (std::thread& t : threads) t.join();
+    // The groups go to as many threads as there are cores (the calling
+    // thread among them), each taking the next group when it is free: on
+    // two cores three groups on three threads lost a fifth of their time
+    // to the switching between them.
+    const int groups = static_cast<int>(views.size());
+    ZIRK_runInChunks(groups, 1, ZIRK_threadsFor(groups), [] { return 0; }, [&](int, int begin, int end) {
+      for (int i = begin; i < end; ++i) solveGroup(static_cast<size_t>(i));
+    });
 
     int32_t latest = g->m_time;
     for (const auto& v : views) {

@@ -178,7 +178,8 @@ float ZIRK_fillNodeInPlace(ZIRKSEGraph* g, int32_t p, bool terminals, float sour
 void ZIRK_endFillInPlace(ZIRKSEGraph* g, int32_t n, const float* preFlow);
 
 // Solves a band graph (m_bandUp set), or a full grid with every grid node,
-// in parts that run on their own threads: parts[i] .. parts[i + 1] are node
+// in parts solved on up to one thread a core (a thread that is free takes
+// the next part): parts[i] .. parts[i + 1] are node
 // ranges that begin at a row, and seams[i] is the end of the first row of
 // part i + 1. The links between parts are held back while the parts solve
 // (each first routes in bulk: a band always, a grid after a fresh fill;

@@ -2,36 +2,31 @@
 // quarters) and the sample-list utilities beside it.
 //
 // Cost of one k_means iteration: 5 squared distances per sample, in four
-// quarters; a fit of many samples runs the last two on one helper thread
-// that lives for the whole fit (small fits run all four on the calling
-// thread); at most 10 iterations for the live fit. Each quarter accumulates
+// quarters; a fit of many samples runs them in two halves on the engine's
+// shared helpers (small fits run all four on the calling thread); at most
+// 10 iterations for the live fit. Each quarter accumulates
 // in locals and writes its own row of the accumulators once, so the rows
 // share no hot cache line.
 #include "colormodel/Clustering.h"
 
 #include <android/log.h>
 
-#include <atomic>
 #include <cfloat>
-#include <chrono>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
-#include <system_error>
-#include <thread>
 
 #include "support/ZIRKRows.h"
 
 int32_t g_maxVarDir = 0;
-// Fits of at least this many samples share the quarters with a helper
-// thread. Starting four threads for every iteration had cost more than the
-// work at working size (40,000 samples, 10 iterations: 2.7 ms on the calling
-// thread against 11.6-17 ms threaded while other work ran); one helper for
+// Fits of at least this many samples share the quarters with a helper.
+// Starting four threads for every iteration had cost more than the work at
+// working size (40,000 samples, 10 iterations: 2.7 ms on the calling thread
+// against 11.6-17 ms threaded while other work ran); one helper thread for
 // the whole fit took the photos' fresh fits from 2.8 to 2.4 ms a photo on
-// two cores.
+// two cores, the shared helpers, awake between iterations, to about 3.0
+// from 3.5 (engine alone, 2026-11-26).
 int32_t g_kmeansThreadedSamples = 16384;
 int32_t g_kmeansIterations = 0;
 
@@ -64,99 +59,6 @@ double channel(const pixelVal& x, int c) { return c == 0 ? x.c0 : (c == 1 ? x.c1
 double errorPerSample(double error, size_t size) {
   return size > 0 ? error / static_cast<double>(size) : -1.0;
 }
-
-// The assignment step's four quarters: all on the calling thread, or with
-// one helper thread that lives for the whole fit and runs the last two
-// quarters of every iteration while the calling thread runs the first two.
-// The quarters and their totals are the same either way, so are the labels
-// and centres. A helper that can not be started leaves all to the caller.
-constexpr int kSpinMicroseconds = 200;
-
-class QuarterHelper {
- public:
-  explicit QuarterHelper(bool start) {
-    if (!start) return;
-    try {
-      m_thread = std::thread(&QuarterHelper::loop, this);
-    } catch (const std::system_error&) {
-      // no helper: the calling thread runs every quarter
-    }
-  }
-  ~QuarterHelper() {
-    if (!m_thread.joinable()) return;
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_stop = true;
-      m_stopSeen.store(true);
-    }
-    m_wake.notify_one();
-    m_thread.join();
-  }
-  QuarterHelper(const QuarterHelper&) = delete;
-  QuarterHelper& operator=(const QuarterHelper&) = delete;
-
-  void run(kmeansThreadArgs* args) {
-    if (!m_thread.joinable()) {
-      for (int t = 0; t < kThreads; ++t) findMinDistance(&args[t]);
-      return;
-    }
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_job = args;
-      m_posted.fetch_add(1);
-    }
-    m_wake.notify_one();
-    for (int t = 0; t < kThreads / 2; ++t) findMinDistance(&args[t]);
-    const int64_t posted = m_posted.load();
-    spinWhile([this, posted] { return m_done.load() != posted; });
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_doneSignal.wait(lock, [this] { return m_done.load() == m_posted.load(); });
-  }
-
- private:
-  // Spins while busy() holds, for at most kSpinMicroseconds: the two
-  // threads hand each iteration back and forth within microseconds, and a
-  // thread that blocks takes tens of them to wake (about 50 on the
-  // development machine, twice an iteration).
-  template <class Busy>
-  static void spinWhile(Busy busy) {
-    const auto start = std::chrono::steady_clock::now();
-    while (busy() && std::chrono::steady_clock::now() - start < std::chrono::microseconds(kSpinMicroseconds)) {
-    }
-  }
-
-  void loop() {
-    for (;;) {
-      kmeansThreadArgs* job = nullptr;
-      int64_t round = 0;
-      const int64_t done = m_done.load();
-      spinWhile([this, done] { return m_posted.load() == done && !m_stopSeen.load(); });
-      {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_wake.wait(lock, [this] { return m_stop || m_posted.load() != m_done.load(); });
-        if (m_stop) return;
-        job = m_job;
-        round = m_posted.load();
-      }
-      for (int t = kThreads / 2; t < kThreads; ++t) findMinDistance(&job[t]);
-      {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_done.store(round);
-      }
-      m_doneSignal.notify_one();
-    }
-  }
-
-  std::thread m_thread;
-  std::mutex m_mutex;
-  std::condition_variable m_wake, m_doneSignal;
-  kmeansThreadArgs* m_job = nullptr;
-  // Written under m_mutex, read also without it while spinning.
-  std::atomic<int64_t> m_posted{0};  // iterations handed out
-  std::atomic<int64_t> m_done{0};    // iterations whose last quarters are done
-  std::atomic<bool> m_stopSeen{false};  // m_stop, for the spin
-  bool m_stop = false;
-};
 
 }  // namespace
 
@@ -354,8 +256,10 @@ void k_means(double** samples, int* labels, int n, double epsilon, int maxIterat
   for (int k = 0; k < kClusters; ++k)
     for (int c = 0; c < 3; ++c) centres[k][c] = samples[seeds[k]][c];
 
-  // Below the threshold a helper thread would cost more than the work.
-  QuarterHelper helper(n >= g_kmeansThreadedSamples && ZIRK_threadsFor(2) > 1);
+  // Large fits run the four quarters of each assignment in two halves on
+  // the shared helpers (the same quarters, so the same totals and labels);
+  // below the threshold the handing over would cost more than the work.
+  const bool halves = n >= g_kmeansThreadedSamples && ZIRK_threadsFor(2) > 1;
   double previousError = DBL_MAX;
   double sums[kThreads][kClusters][3];
   double counts[kThreads][kClusters];
@@ -369,7 +273,9 @@ void k_means(double** samples, int* labels, int n, double epsilon, int maxIterat
     kmeansThreadArgs args[kThreads];
     for (int t = 0; t < kThreads; ++t)
       args[t] = kmeansThreadArgs{samples, labels, n, centres, sums, counts, errors, t};
-    helper.run(args);
+    ZIRK_runInBands(kThreads, halves ? 2 : 1, [&args](int begin, int end) {
+      for (int t = begin; t < end; ++t) findMinDistance(&args[t]);
+    });
 
     // 3. Totals over the threads, in thread order.
     double clusterSum[kClusters][3] = {};

@@ -15,9 +15,10 @@
 
 // Channel (0, 1 or 2) along which the last varPartition split.
 extern SEGCORE_EXPORT int32_t g_maxVarDir;
-// From this many samples k_means shares its four quarters with a helper
-// thread; smaller fits run them one after the other on the calling thread,
-// with the same result. Internal; tests lower it to compare the two.
+// From this many samples k_means runs its four quarters in two halves on
+// the shared helper threads; smaller fits run them one after the other on
+// the calling thread, with the same result. Internal; tests lower it to
+// compare the two.
 extern int32_t g_kmeansThreadedSamples;
 // Iterations k_means has run, counted for tests and benchmarks. Internal.
 extern int32_t g_kmeansIterations;

@@ -6,9 +6,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <system_error>
 #include <thread>
 #include <vector>
+
+#include "support/ZIRKWorkers.h"
 
 // The bytes of pixel (x, y).
 inline const uint8_t* ZIRK_pixelAt(const IplImage* img, int x, int y) {
@@ -25,23 +26,17 @@ inline int ZIRK_threadsFor(int wanted) {
   return cores > 0 && cores < static_cast<unsigned>(wanted) ? static_cast<int>(cores) : wanted;
 }
 
-// Runs fn(begin, end) over `bands` consecutive slices of [0, count), each on
-// its own thread; the first slice, and any whose thread can not be started,
-// run on the calling thread. Returns when all are done.
+// Runs fn(begin, end) over `bands` consecutive slices of [0, count), on the
+// calling thread and the shared helpers (see ZIRKWorkers.h), each thread
+// taking the next slice when it is free. Returns when all are done.
 template <class Fn>
 void ZIRK_runInBands(int count, int bands, Fn fn) {
   if (bands < 1) bands = 1;
-  std::vector<std::thread> workers;
-  std::vector<int> here{0};
-  for (int b = 1; b < bands; ++b) {
-    try {
-      workers.emplace_back(fn, count * b / bands, count * (b + 1) / bands);
-    } catch (const std::system_error&) {
-      here.push_back(b);
-    }
-  }
-  for (int b : here) fn(count * b / bands, count * (b + 1) / bands);
-  for (std::thread& worker : workers) worker.join();
+  auto band = [&](int b) {
+    fn(static_cast<int>(static_cast<int64_t>(count) * b / bands),
+       static_cast<int>(static_cast<int64_t>(count) * (b + 1) / bands));
+  };
+  ZIRK_runSlots(bands, band);
 }
 
 // Runs fn(state, begin, end) over chunks of `chunk` consecutive items of

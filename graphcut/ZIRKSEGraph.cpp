@@ -1309,6 +1309,103 @@ float ZIRK_solveGridInParts(ZIRKSEGraph* g, int parts) {
   return ZIRK_solveInParts(g, starts, seams);
 }
 
+namespace {
+
+// The refill of ZIRK_fillGrid that keeps the last solve's flow, in one pass
+// over the nodes, in two bands of rows on two threads for a large grid.
+// Per node: its terminal residual moves by the change of capacity (an
+// infinite one stays infinite; one that was infinite becomes the new net
+// capacity less what the node sends through its links, counted from the
+// old flows before anything moves), the new net capacity is stored, then
+// its four links: the flow p -> q stays where it fits, the overflow returns
+// to the terminals (p keeps what it can no longer send, q lacks it). Every
+// node's residual gets the same additions in the same order as in two
+// separate passes over all nodes and then all links: a node's own update
+// comes first, then its links, then those of later nodes. The changes a
+// band's first row makes to the row above, in the other band, are kept and
+// added after both bands, in order. Null source and sink keep the terminal
+// capacities.
+void refillKeepingFlow(ZIRKSEGraph* g, const float* source, const float* sink, const float* links) {
+  const int32_t w = g->m_width, h = g->m_height, n = w * h;
+  float* const arcs = g->m_arcs;
+  nodes* const base = g->m_nodes;
+  float* const fillNet = g->m_fillNet;
+  const bool terminals = source != nullptr && sink != nullptr;
+  std::vector<std::pair<int32_t, float>> sentByInfinite;  // by node, ascending
+  int32_t list[8];
+  for (int32_t p = 0; p < n && terminals; ++p) {
+    if (std::isfinite(fillNet[p])) continue;
+    float sent = 0.0f;
+    neighbourList(p, w, h, list);
+    for (int k = 0; k < 8; ++k) {
+      const int32_t a = list[k];
+      if (a != kNoNeighbour && arcs[a] != kAbsentArc) sent += linkFlow(arcs, a);
+    }
+    sentByInfinite.emplace_back(p, sent);
+  }
+  struct Deferred {
+    int32_t node;
+    float change;
+  };
+  const int bands = n >= kThreadedFillNodes ? ZIRK_threadsFor(2) : 1;
+  std::vector<std::vector<Deferred>> deferred(static_cast<size_t>(bands));
+  const int32_t offset[4] = {-1, -w - 1, -w, -w + 1};
+  auto band = [&](int b) {
+    const int32_t first = static_cast<int32_t>(static_cast<int64_t>(h) * b / bands) * w;
+    const int32_t end = static_cast<int32_t>(static_cast<int64_t>(h) * (b + 1) / bands) * w;
+    std::vector<Deferred>& later = deferred[static_cast<size_t>(b)];
+    auto infinite = std::lower_bound(sentByInfinite.begin(), sentByInfinite.end(), std::make_pair(first, -HUGE_VALF));
+    for (int32_t p = first; p < end; ++p) {
+      float& residual = base[p].tr_cap;
+      if (terminals) {
+        const float net = source[p] - sink[p];
+        if (infinite != sentByInfinite.end() && infinite->first == p) {
+          residual = net - infinite->second;
+          ++infinite;
+        } else {
+          residual += net - fillNet[p];
+        }
+        fillNet[p] = net;
+      }
+      for (int k = 0; k < 4; ++k) {
+        const int32_t a = 8 * p + 2 * k;
+        if (arcs[a] == kAbsentArc) continue;
+        const float c = links[4 * static_cast<size_t>(p) + k];
+        const float f = linkFlow(arcs, a);  // flow from p to its neighbour
+        if (std::fabs(f) <= c) {
+          arcs[a] = c - f;
+          arcs[a ^ 1] = c + f;
+          continue;
+        }
+        const int32_t q = p + offset[k];
+        const float over = std::fabs(f) - c;
+        float change;
+        if (f > 0.0f) {
+          arcs[a] = 0.0f;
+          arcs[a ^ 1] = 2.0f * c;
+          residual += over;
+          change = -over;
+        } else {
+          arcs[a] = 2.0f * c;
+          arcs[a ^ 1] = 0.0f;
+          residual -= over;
+          change = over;
+        }
+        if (q < first) {
+          later.push_back(Deferred{q, change});
+        } else {
+          base[q].tr_cap += change;
+        }
+      }
+    }
+  };
+  ZIRK_runSlots(bands, band);
+  for (const std::vector<Deferred>& later : deferred)
+    for (const Deferred& d : later) base[d.node].tr_cap += d.change;
+}
+
+}  // namespace
+
 void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const float* links,
                    bool keepFlow) {
   const int32_t w = g->m_width, h = g->m_height;
@@ -1353,58 +1450,13 @@ void ZIRK_fillGrid(ZIRKSEGraph* g, const float* source, const float* sink, const
     });
     ZIRK_endFillInPlace(g, n, preFlow.data());
   } else {
-    // Terminal links: the residual moves by the change of capacity. An
-    // infinite one stays infinite; one that was infinite is the new net
-    // capacity less what the node sends through its links.
-    float* const arcs = g->m_arcs;
-    int32_t list[8];
-    for (int32_t p = 0; p < n && !sameTerminals; ++p) {
-      const float net = source[p] - sink[p];
-      const float old = g->m_fillNet[p];
-      if (std::isfinite(old)) {
-        g->m_nodes[p].tr_cap += net - old;
-        continue;
-      }
-      float sent = 0.0f;
-      neighbourList(p, w, h, list);
-      for (int k = 0; k < 8; ++k) {
-        const int32_t a = list[k];
-        if (a != kNoNeighbour && arcs[a] != kAbsentArc) sent += linkFlow(arcs, a);
-      }
-      g->m_nodes[p].tr_cap = net - sent;
-    }
-    // Links: the flow p -> q stays where it fits; the overflow returns to
-    // the terminals (p keeps what it can no longer send, q lacks it).
-    const int32_t offset[4] = {-1, -w - 1, -w, -w + 1};
-    for (int32_t i = 0; i < 4 * n; ++i) {
-      const int32_t p = i / 4, a = 8 * p + 2 * (i % 4);
-      if (arcs[a] == kAbsentArc) continue;
-      const float c = links[i];
-      const float f = linkFlow(arcs, a);  // flow from p to its neighbour
-      if (std::fabs(f) <= c) {
-        arcs[a] = c - f;
-        arcs[a ^ 1] = c + f;
-        continue;
-      }
-      nodes* q = g->m_nodes + p + offset[i % 4];
-      const float over = std::fabs(f) - c;
-      if (f > 0.0f) {
-        arcs[a] = 0.0f;
-        arcs[a ^ 1] = 2.0f * c;
-        g->m_nodes[p].tr_cap += over;
-        q->tr_cap -= over;
-      } else {
-        arcs[a] = 2.0f * c;
-        arcs[a ^ 1] = 0.0f;
-        g->m_nodes[p].tr_cap -= over;
-        q->tr_cap += over;
-      }
-    }
+    refillKeepingFlow(g, sameTerminals ? nullptr : source, sameTerminals ? nullptr : sink, links);
   }
   if (!keepFlow) return;
   if (g->m_fillNet == nullptr)
     g->m_fillNet = static_cast<float*>(ZIRK_Malloc_Msg(sizeof(float) * n, "ZIRK_fillGrid", 1));
   if (g->m_fillNet == nullptr) return;  // logged; next fill is fresh
-  if (!sameTerminals)
+  // (A refill keeping the flow has stored them already.)
+  if (!sameTerminals && !warm)
     for (int32_t p = 0; p < n; ++p) g->m_fillNet[p] = source[p] - sink[p];
 }

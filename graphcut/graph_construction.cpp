@@ -126,17 +126,21 @@ void ZIRK_fillBoxGraph(ZIRKSEHybrid* hybrid, bool keepFlow, bool sameModels) {
     ZIRK_runInChunks(h, kTerminalChunkRows, threads, [] { return ColourCache(); }, terminalRows);
   }
 
-  // 3. N-links from the stored weights, in whole-image coordinates.
-  for (int y = 0; y < h; ++y) {
-    const float* weights = self.m_nlinks + (static_cast<size_t>(y + y0) * self.m_width + x0) * 4;
-    float* l = links.data() + static_cast<size_t>(y) * w * 4;
-    for (int x = 0; x < w; ++x, weights += 4, l += 4) {
-      l[0] = x >= 1 ? static_cast<float>(self.m_lamda * weights[0]) : kAbsentArc;
-      l[1] = y >= 1 && x >= 1 ? static_cast<float>(self.m_lamda * weights[1]) : kAbsentArc;
-      l[2] = y >= 1 ? static_cast<float>(self.m_lamda * weights[2]) : kAbsentArc;
-      l[3] = y >= 1 && x < w - 1 ? static_cast<float>(self.m_lamda * weights[3]) : kAbsentArc;
+  // 3. N-links from the stored weights, in whole-image coordinates; large
+  // boxes in two bands of rows.
+  auto linkRows = [&](int yBegin, int yEnd) {
+    for (int y = yBegin; y < yEnd; ++y) {
+      const float* weights = self.m_nlinks + (static_cast<size_t>(y + y0) * self.m_width + x0) * 4;
+      float* l = links.data() + static_cast<size_t>(y) * w * 4;
+      for (int x = 0; x < w; ++x, weights += 4, l += 4) {
+        l[0] = x >= 1 ? static_cast<float>(self.m_lamda * weights[0]) : kAbsentArc;
+        l[1] = y >= 1 && x >= 1 ? static_cast<float>(self.m_lamda * weights[1]) : kAbsentArc;
+        l[2] = y >= 1 ? static_cast<float>(self.m_lamda * weights[2]) : kAbsentArc;
+        l[3] = y >= 1 && x < w - 1 ? static_cast<float>(self.m_lamda * weights[3]) : kAbsentArc;
+      }
     }
-  }
+  };
+  ZIRK_runInBands(h, n >= kThreadedPixels ? ZIRK_threadsFor(2) : 1, linkRows);
   ZIRK_fillGrid(self.m_graph, sameTerminals ? nullptr : sources.data(),
                 sameTerminals ? nullptr : sinks.data(), links.data(), keepFlow);
 }

@@ -1350,7 +1350,11 @@ void refillKeepingFlow(ZIRKSEGraph* g, const float* source, const float* sink, c
   const int bands = n >= kThreadedFillNodes ? ZIRK_threadsFor(2) : 1;
   std::vector<std::vector<Deferred>> deferred(static_cast<size_t>(bands));
   const int32_t offset[4] = {-1, -w - 1, -w, -w + 1};
-  auto band = [&](int b) {
+  // The calling thread, first to take a slot, takes the last band: when
+  // the bands run one after the other it is the band above that comes
+  // second, so its own changes must come before those kept for it.
+  auto band = [&](int slot) {
+    const int b = bands - 1 - slot;
     const int32_t first = static_cast<int32_t>(static_cast<int64_t>(h) * b / bands) * w;
     const int32_t end = static_cast<int32_t>(static_cast<int64_t>(h) * (b + 1) / bands) * w;
     std::vector<Deferred>& later = deferred[static_cast<size_t>(b)];

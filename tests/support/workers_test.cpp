@@ -68,15 +68,24 @@ TEST(SharedHelpers, EverySlotRunsOnceFromAnyCaller) {
   });
   for (const std::atomic<int>& item : items) ASSERT_EQ(item.load(), 2);
 
-  if (std::thread::hardware_concurrency() > 1) {
-    std::set<std::thread::id> seen;
-    std::mutex lock;
-    auto slow = [&seen, &lock](int) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-      std::lock_guard<std::mutex> hold(lock);
-      seen.insert(std::this_thread::get_id());
-    };
+  // Slow slots: every one has finished when the call returns, and with two
+  // cores they ran on more than one thread.
+  std::set<std::thread::id> seen;
+  std::mutex lock;
+  std::vector<std::atomic<int>> finished(4);
+  auto slow = [&](int s) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::lock_guard<std::mutex> hold(lock);
+    seen.insert(std::this_thread::get_id());
+    finished[static_cast<size_t>(s)].fetch_add(1);
+  };
+  for (int job = 0; job < 5; ++job) {
     ZIRK_runSlots(4, slow);
+    for (std::atomic<int>& f : finished) {
+      ASSERT_EQ(f.exchange(0), 1) << "job " << job;
+    }
+  }
+  if (std::thread::hardware_concurrency() > 1) {
     EXPECT_GE(seen.size(), 2u);
   }
 }

@@ -472,12 +472,6 @@ nodes* ZIRKSEGraph::GetTopOrphanQueueNode() {
 
 namespace {
 
-// How the solver finds a node's eight arcs and an arc's head. A full grid
-// computes both from the node index and the width. A band graph numbers a
-// subset of grid pixels row by row and stores, per node, the index of the
-// node above and below; every neighbour of a pixel that has links is itself
-// a node, so the left and right neighbours are the previous and next index
-// and the diagonal ones sit beside the node above or below.
 // The eight arcs of a node whose slots start at `base`, the slots of the
 // node below it at `below`, in neighbourList's order.
 inline void arcList(int32_t base, int32_t below, int32_t out[8]) {
@@ -491,6 +485,12 @@ inline void arcList(int32_t base, int32_t below, int32_t out[8]) {
   out[7] = below - 1;
 }
 
+// How the solver finds a node's eight arcs and an arc's head. A full grid
+// computes both from the node index and the width. A band graph numbers a
+// subset of grid pixels row by row and stores, per node, the index of the
+// node above and below; every neighbour of a pixel that has links is itself
+// a node, so the left and right neighbours are the previous and next index
+// and the diagonal ones sit beside the node above or below.
 template <bool Padded>
 struct GridTopology {
   const int32_t* offset;
@@ -1350,9 +1350,9 @@ void refillKeepingFlow(ZIRKSEGraph* g, const float* source, const float* sink, c
   const int bands = n >= kThreadedFillNodes ? ZIRK_threadsFor(2) : 1;
   std::vector<std::vector<Deferred>> deferred(static_cast<size_t>(bands));
   const int32_t offset[4] = {-1, -w - 1, -w, -w + 1};
-  // The calling thread, first to take a slot, takes the last band: when
-  // the bands run one after the other it is the band above that comes
-  // second, so its own changes must come before those kept for it.
+  // Slots take the bands from the last: when they run one after the other
+  // (no helper free) the band above comes second, and only the kept
+  // changes put its rows' additions in order, as when they run at once.
   auto band = [&](int slot) {
     const int b = bands - 1 - slot;
     const int32_t first = static_cast<int32_t>(static_cast<int64_t>(h) * b / bands) * w;

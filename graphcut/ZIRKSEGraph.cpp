@@ -1182,9 +1182,10 @@ float ZIRK_solveInParts(ZIRKSEGraph* g, const std::vector<int32_t>& parts,
     // two cores three groups on three threads lost a fifth of their time
     // to the switching between them.
     const int groups = static_cast<int>(views.size());
-    ZIRK_runInChunks(groups, 1, ZIRK_threadsFor(groups), [] { return 0; }, [&](int, int begin, int end) {
+    auto run = [&](int, int begin, int end) {
       for (int i = begin; i < end; ++i) solveGroup(static_cast<size_t>(i));
-    });
+    };
+    ZIRK_runInChunks(groups, 1, ZIRK_threadsFor(groups), [] { return 0; }, run);
 
     int32_t latest = g->m_time;
     for (const auto& v : views) {
@@ -1358,7 +1359,8 @@ void refillKeepingFlow(ZIRKSEGraph* g, const float* source, const float* sink, c
     const int32_t first = static_cast<int32_t>(static_cast<int64_t>(h) * b / bands) * w;
     const int32_t end = static_cast<int32_t>(static_cast<int64_t>(h) * (b + 1) / bands) * w;
     std::vector<Deferred>& later = deferred[static_cast<size_t>(b)];
-    auto infinite = std::lower_bound(sentByInfinite.begin(), sentByInfinite.end(), std::make_pair(first, -HUGE_VALF));
+    auto infinite = std::lower_bound(sentByInfinite.begin(), sentByInfinite.end(),
+                                     std::make_pair(first, -HUGE_VALF));
     for (int32_t p = first; p < end; ++p) {
       float& residual = base[p].tr_cap;
       if (terminals) {

@@ -32,7 +32,8 @@ constexpr double kCallerSpinUs = 1000.0;
 template <class Busy>
 void spinWhile(double us, Busy busy) {
   const auto start = std::chrono::steady_clock::now();
-  while (busy() && std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count() < us) {
+  const auto limit = std::chrono::duration<double, std::micro>(us);
+  while (busy() && std::chrono::steady_clock::now() - start < limit) {
   }
 }
 

@@ -165,8 +165,10 @@ TEST_F(MaxFlow, FreshGridFillEqualsTheCallByCallFill) {
           << "node " << p;
     }
     ASSERT_EQ(std::memcmp(inPlace.m_arcs, byCall.m_arcs, sizeof(float) * 8 * n), 0);
-    for (int p = n; p < n + past; ++p)
-      ASSERT_TRUE(inPlace.m_nodes[p].tree == FREE && inPlace.m_nodes[p].tr_cap == 0.0f && inPlace.m_nodes[p].next == nullptr);
+    for (int p = n; p < n + past; ++p) {
+      const nodes& x = inPlace.m_nodes[p];
+      ASSERT_TRUE(x.tree == FREE && x.tr_cap == 0.0f && x.next == nullptr) << "node " << p;
+    }
     for (int a = 8 * n; a < 8 * (n + past); ++a) ASSERT_EQ(inPlace.m_arcs[a], 0.0f);
   }
   ZIRKSEGraph small(20, 160, 5, 5, 0);
@@ -260,7 +262,8 @@ TEST_F(MaxFlow, LargeRefillMatchesThePlainOrderBitForBit) {
     float sent = 0.0f;
     for (int k = 0; k < 4; ++k) {
       const int a = 8 * p + 2 * k;
-      if (slotNeighbour(w, p, k) >= 0 && arcs[a] != kAbsentArc) sent += 0.5f * (arcs[a + 1] - arcs[a]);
+      if (slotNeighbour(w, p, k) >= 0 && arcs[a] != kAbsentArc)
+        sent += 0.5f * (arcs[a + 1] - arcs[a]);
     }
     const int x = p % w, y = p / w;
     const int below[4][3] = {{1, 0, 0}, {1, 1, 1}, {0, 1, 2}, {-1, 1, 3}};  // dx, dy, slot there

@@ -5,6 +5,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -15,7 +16,14 @@ using nlohmann::json;
 
 namespace {
 
-const std::string kPhotos = SEGDEMO_PHOTO_DIR;
+// The evaluation photos: SEGCORE_GRABCUT_DIR when set, as for the other
+// tests, else the folder the build was configured with.
+std::string photoFolder() {
+  const char* env = std::getenv("SEGCORE_GRABCUT_DIR");
+  return env != nullptr && *env != '\0' ? std::string(env) : std::string(SEGDEMO_PHOTO_DIR);
+}
+
+const std::string kPhotos = photoFolder();
 const std::string kBook = kPhotos + "/images/book.jpg";
 const std::string kRect = R"({"kind": "rect", "rect": [59, 24, 618, 459]})";
 
